@@ -1,0 +1,22 @@
+# Flags shared by every target of the project, carried by one interface target
+# so that a library, a test and a benchmark are always built the same way.
+add_library(kx_settings INTERFACE)
+add_library(kx::settings ALIAS kx_settings)
+target_compile_features(kx_settings INTERFACE cxx_std_17)
+
+if(CMAKE_CXX_COMPILER_ID MATCHES "GNU|Clang")
+  target_compile_options(kx_settings INTERFACE -Wall -Wextra)
+  if(KX_WERROR)
+    target_compile_options(kx_settings INTERFACE -Werror)
+  endif()
+endif()
+
+if(KX_SANITIZE)
+  string(REPLACE " " "" _kx_san "${KX_SANITIZE}")
+  set(_kx_san_flags -fsanitize=${_kx_san} -fno-omit-frame-pointer)
+  if(_kx_san MATCHES "undefined")
+    list(APPEND _kx_san_flags -fno-sanitize-recover=undefined)
+  endif()
+  target_compile_options(kx_settings INTERFACE ${_kx_san_flags})
+  target_link_options(kx_settings INTERFACE ${_kx_san_flags})
+endif()

@@ -1,0 +1,47 @@
+#include "TempDir.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <system_error>
+
+#include <boost/filesystem.hpp>
+
+TempDir::TempDir(bool setTmpdir) : _setTmpdir(setTmpdir) {
+  const char* base = std::getenv("TMPDIR");
+  std::string tmpl = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/kxtest.XXXXXX";
+  if (mkdtemp(&tmpl[0]) == nullptr) throw std::system_error(errno, std::generic_category(), "mkdtemp");
+  _path = tmpl;
+  if (_setTmpdir) {
+    _hadTmpdir = base != nullptr;
+    if (_hadTmpdir) _oldTmpdir = base;
+    setenv("TMPDIR", _path.c_str(), 1);
+  }
+}
+
+TempDir::~TempDir() {
+  if (_setTmpdir) {
+    if (_hadTmpdir) {
+      setenv("TMPDIR", _oldTmpdir.c_str(), 1);
+    } else {
+      unsetenv("TMPDIR");
+    }
+  }
+  boost::system::error_code ec;
+  boost::filesystem::remove_all(_path, ec);
+}
+
+std::string readFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream out;
+  out << in.rdbuf();
+  return out.str();
+}
+
+void writeFile(const std::string& path, const std::string& content) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out << content;
+  if (!out) throw std::runtime_error("cannot write " + path);
+}
