@@ -1,0 +1,151 @@
+#include "osal_file.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "KXLog.h"
+
+int osal_exists(const char* path, bool* exists) {
+  struct stat st {};
+  if (stat(path, &st) == 0) {
+    *exists = true;
+    return 0;
+  }
+  const int err = errno;
+  if (err == ENOENT || err == ENOTDIR) {
+    *exists = false;
+    return 0;
+  }
+  KXLOG(KXLM_OSAL, KXLL_DBG, "osal_exists -> stat failed (" << err << ") " << path);
+  return -1;
+}
+
+int osal_open(const char* path, KXOpenMode mode, bool noCache, int* fd) {
+  int flags = O_CLOEXEC;
+  switch (mode) {
+    case KX_OPENMODE_RDONLY:
+      flags |= O_RDONLY;
+      break;
+    case KX_OPENMODE_RWEXISTING:
+      flags |= O_RDWR;
+      break;
+    case KX_OPENMODE_RWCANCREATE:
+      flags |= O_RDWR | O_CREAT;
+      break;
+    case KX_OPENMODE_RWNOTEXISTING:
+      flags |= O_RDWR | O_CREAT | O_EXCL;
+      break;
+    default:
+      KXLOG(KXLM_OSAL, KXLL_DBG, "osal_open -> bad mode " << mode << " " << path);
+      return -1;
+  }
+  int rc;
+  do {
+    rc = open(path, flags, 0777);
+  } while (rc < 0 && errno == EINTR);
+  if (rc < 0) {
+    const int err = errno;
+    KXLOG(KXLM_OSAL, KXLL_DBG, "osal_open -> open failed (" << err << ") " << path);
+    return -1;
+  }
+  if (noCache && osal_noCache(rc) != 0) {
+    const int err = errno;
+    KXLOG(KXLM_OSAL, KXLL_DBG, "osal_open -> cache bypass failed (" << err << ") " << path);
+  }
+  *fd = rc;
+  return 0;
+}
+
+int osal_read(int fd, void* buffer, unsigned int size, unsigned int* got) {
+  char* p = static_cast<char*>(buffer);
+  unsigned int done = 0;
+  while (done < size) {
+    const ssize_t n = read(fd, p + done, size - done);
+    if (n < 0) {
+      const int err = errno;
+      if (err == EINTR) continue;
+      KXLOG(KXLM_OSAL, KXLL_DBG, "osal_read -> read failed (" << err << ")");
+      *got = done;
+      return -1;
+    }
+    if (n == 0) break;
+    done += static_cast<unsigned int>(n);
+  }
+  *got = done;
+  return 0;
+}
+
+int osal_writeFix(int fd, const void* buffer, unsigned int size) {
+  const char* p = static_cast<const char*>(buffer);
+  unsigned int done = 0;
+  while (done < size) {
+    const ssize_t n = write(fd, p + done, size - done);
+    const int err = n < 0 ? errno : 0;
+    if (err == EINTR) continue;
+    if (n <= 0) {
+      KXLOG(KXLM_OSAL, KXLL_DBG, "osal_writeFix -> write failed (" << err << ") " << done << "/" << size);
+      return -1;
+    }
+    done += static_cast<unsigned int>(n);
+  }
+  return 0;
+}
+
+int osal_truncate(int fd, unsigned long long length) {
+  if (ftruncate(fd, static_cast<off_t>(length)) != 0) {
+    const int err = errno;
+    KXLOG(KXLM_OSAL, KXLL_DBG, "osal_truncate -> ftruncate failed (" << err << ")");
+    return -1;
+  }
+  return 0;
+}
+
+int osal_close(int fd) {
+  // No retry on EINTR: the descriptor is gone either way on the platforms
+  // we build for, and a retry could close one another thread just opened.
+  if (close(fd) != 0) {
+    const int err = errno;
+    KXLOG(KXLM_OSAL, KXLL_DBG, "osal_close -> close failed (" << err << ")");
+    return -1;
+  }
+  return 0;
+}
+
+namespace {
+// mkdir that treats an existing directory as done.
+int makeOne(const char* path, bool* created) {
+  if (mkdir(path, 0777) == 0) {
+    *created = true;
+    return 0;
+  }
+  const int err = errno;
+  struct stat st {};
+  if (err == EEXIST && stat(path, &st) == 0 && S_ISDIR(st.st_mode)) return 0;
+  errno = err;
+  return -1;
+}
+}  // namespace
+
+int osal_mkdir(const char* path, bool* created, bool recursive) {
+  bool made = false;
+  int rc = 0;
+  if (recursive) {
+    const std::string full(path);
+    for (size_t pos = full.find('/', 1); rc == 0 && pos != std::string::npos; pos = full.find('/', pos + 1)) {
+      bool ignored = false;
+      rc = makeOne(full.substr(0, pos).c_str(), &ignored);
+    }
+  }
+  if (rc == 0) rc = makeOne(path, &made);
+  if (rc != 0) {
+    const int err = errno;
+    KXLOG(KXLM_OSAL, KXLL_DBG, "osal_mkdir -> mkdir failed (" << err << ") " << path);
+    return -1;
+  }
+  if (created != nullptr) *created = made;
+  return 0;
+}

@@ -1,0 +1,38 @@
+#pragma once
+
+#include "KXFileDefs.h"
+
+// The file functions of the OS layer over plain descriptors. Every function
+// returns 0 on success and -1 on failure. Failures are logged with errno at
+// DBG only: the caller reports the failed step in its own words, and a
+// failure should show once in the log, not twice.
+
+// *exists tells whether path names anything; a missing path or a missing
+// parent is an answer (0), any other stat error a failure.
+int osal_exists(const char* path, bool* exists);
+
+// Opens path in mode (KX_OPENMODE_RWCANCREATE creates with 0777 before the
+// umask). With noCache the file system is asked not to keep the file's
+// pages cached; that request is best effort and never fails the open.
+int osal_open(const char* path, KXOpenMode mode, bool noCache, int* fd);
+
+// Reads up to size bytes, retrying short reads until size or end of file;
+// *got receives the count.
+int osal_read(int fd, void* buffer, unsigned int size, unsigned int* got);
+
+// Writes all size bytes; anything less is a failure.
+int osal_writeFix(int fd, const void* buffer, unsigned int size);
+
+int osal_truncate(int fd, unsigned long long length);
+
+// Closes fd whatever the outcome; -1 only reports an error the close saw.
+int osal_close(int fd);
+
+// Creates the directory (and, when recursive, its missing parents). An
+// existing directory is success. created (may be null) tells whether this
+// call made the last component.
+int osal_mkdir(const char* path, bool* created, bool recursive);
+
+// Asks the file system to bypass its cache for fd. One definition per
+// platform; returns 0 or -1 and does not log.
+int osal_noCache(int fd);
