@@ -1,0 +1,59 @@
+#pragma once
+
+#include <cstddef>
+#include <map>
+#include <string>
+
+// libcurl's own declaration of its easy handle, repeated so that users of the
+// client do not pull in curl.h.
+typedef void CURL;
+
+// The updater's HTTP(S) access: one libcurl easy handle, made on first use and
+// reused by every request, so connections stay alive between the requests of
+// a run. Synchronous and not thread-safe: one thread at a time.
+//
+// Every request returns 0 for a completed transfer with status 200, the status
+// for any other completed transfer, and -1 when the handle could not be made,
+// the transfer failed, the status could not be read or (download) the file
+// could not be opened. Failures are logged at ERR for ROOT; nothing throws.
+class HttpClient {
+ public:
+  HttpClient();
+  virtual ~HttpClient();
+  HttpClient(const HttpClient&) = delete;
+  HttpClient& operator=(const HttpClient&) = delete;
+
+  // Makes the handle once; false only when libcurl could not make it, and the
+  // next call tries again.
+  bool init();
+  // Releases the handle but leaves the client marked initialised, so every
+  // later request fails with -1: meant for the end of the client's life.
+  void cleanup();
+  // Text put in front of every request's url, with nothing between.
+  void setConfig(const std::string& prefix);
+
+  // Body into `body`, response headers (of every response of a redirect chain,
+  // the last value winning) into `headers`. Both are emptied first.
+  int get(const std::string& url, std::string& body, std::map<std::string, std::string>& headers);
+  // Headers only; no body is transferred.
+  int head(const std::string& url, std::map<std::string, std::string>& headers);
+  // Body into the file at `path` (created or truncated), logging progress in
+  // steps of ten percent. The file is never removed, even after a failure.
+  int download(const std::string& url, const std::string& path, std::map<std::string, std::string>& headers);
+
+  // libcurl callbacks, public so that their rules can be exercised directly.
+  // Appends to the std::string at userp.
+  static size_t readResponsCb(void* data, size_t size, size_t nmemb, void* userp);
+  // Writes to the FILE* at userp; a short write makes libcurl abort.
+  static size_t readFileResponseCb(void* data, size_t size, size_t nmemb, void* userp);
+  // One header line into the std::map<std::string, std::string> at userp.
+  static size_t readHeadersCb(void* data, size_t size, size_t nmemb, void* userp);
+  // Logs "Loading N%" when N lands on a multiple of ten above the last
+  // percentage, the int at clientp, which it then updates. Never aborts.
+  static int progressCb(void* clientp, long dltotal, long dlnow, long ultotal, long ulnow);
+
+ private:
+  CURL* handle;
+  std::string config;
+  bool initialised;
+};
