@@ -1,10 +1,12 @@
 #pragma once
 
+// What differs between the platform builds of the updater. Defined once per
+// target in TargetOS.cpp, compiled with KX_TARGET_OS_CODE; everything else of
+// the updater is the same code for every target.
 namespace utils {
 
-// Operating-system code of the update flow this build follows: 2 (macOS) or
-// 3 (Linux). Chosen at configure time by KX_TARGET_OS; the host's own probes
-// (uname, thread ids) are independent of it.
-constexpr int kTargetOS = KX_TARGET_OS_CODE;
+// Where the agent keeps its configuration values ("dbdir.cfg", ...): one
+// directory per instance, "<root>" or "<root>.<instance>".
+const char* configRoot();
 
 }  // namespace utils

@@ -1,0 +1,198 @@
+#include "utils.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <boost/algorithm/string/classification.hpp>
+#include <boost/algorithm/string/split.hpp>
+#include <boost/algorithm/string/trim.hpp>
+#include <boost/filesystem/operations.hpp>
+#include <cctype>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <nlohmann/json.hpp>
+
+#include "KXHash.h"
+#include "KXLog.h"
+#include "KXSys.h"
+#include "osal_sysinfo.h"
+
+namespace utils {
+
+namespace {
+constexpr size_t kMaxUrlHexDigits = 8192;
+constexpr unsigned int kUrlBufferSize = 4096;
+constexpr size_t kSysInfoBufferSize = 1025;
+}  // namespace
+
+void from_json(const nlohmann::json& j, AgentSetupDef& d) {
+  d.name = j.at("name").get<std::string>();
+  d.path = j.at("path").get<std::string>();
+  d.setup = j.at("setup").get<std::string>();
+  d.version = j.at("version").get<std::string>();
+  d.hash = j.at("hash").get<std::string>();
+  d.os = j.at("os").get<int32_t>();
+  d.arch = j.at("arch").get<int32_t>();
+  d.enable = j.at("enable").get<bool>();
+}
+
+bool checkAdmin() { return getuid() == 0; }
+
+std::string getArch() {
+  char osName[kSysInfoBufferSize] = {};
+  char machine[kSysInfoBufferSize] = {};
+  unsigned int kind = 0;
+  getsysinfo(osName, machine, &kind);
+  return machine;
+}
+
+AgentArch stringToAgentArch(const std::string& s) {
+  if (s == "amd64" || s == "x64" || s == "x86_64") return X64;
+  if (s == "arm64" || s == "aarch64") return Arm64;
+  if (s == "x86") return X86;
+  if (s == "arm" || s == "aarch32") return Arm;
+  if (s.find("armv7") != std::string::npos) return Arm;
+  return Unknown;
+}
+
+const char* agentArchToString(int arch) {
+  switch (arch) {
+    case X64:
+      return "amd64";
+    case Arm64:
+      return "arm64";
+    case X86:
+      return "x86";
+    case Arm:
+      return "arm";
+    default:
+      return "none";
+  }
+}
+
+AgentDistrib stringToAgentDistrib(const std::string& fileName) {
+  const size_t dot = fileName.rfind('.');
+  const std::string ext = dot == std::string::npos ? fileName : fileName.substr(dot + 1);
+  if (ext == "exe") return Exe;
+  if (ext == "deb") return Deb;
+  if (ext == "rpm") return Rpm;
+  if (ext == "dmg") return Dmg;
+  if (ext == "pkg") return Pkg;
+  if (ext == "spk") return Spk;
+  return None;
+}
+
+const char* agentDistribToString(AgentDistrib d) {
+  switch (d) {
+    case Deb:
+      return "deb";
+    case Rpm:
+      return "rpm";
+    case Exe:
+      return "exe";
+    case Pkg:
+      return "pkg";
+    case Dmg:
+      return "dmg";
+    case Spk:
+      return "spk";
+    default:
+      return "None";
+  }
+}
+
+const char* agentOSToString(int os) {
+  switch (os) {
+    case Windows:
+      return "Windows";
+    case Macosx:
+      return "Macosx";
+    case Linux:
+      return "Linux";
+    default:
+      return "Unkown";
+  }
+}
+
+bool isDebian() {
+  struct stat st {};
+  return stat("/usr/bin/dpkg", &st) == 0;
+}
+
+bool isSyno() { return false; }
+
+std::string getTempDir() {
+  try {
+    return boost::filesystem::temp_directory_path().string();
+  } catch (const std::exception& e) {
+    KXLOG(KXLM_ROOT, KXLL_ERR, "getTempDir Error: " << e.what());
+    return std::string();
+  }
+}
+
+std::string decodeURL(const std::string& hex) {
+  size_t n = std::strlen(hex.c_str());
+  if (n > kMaxUrlHexDigits) n = kMaxUrlHexDigits;
+  unsigned char buffer[kUrlBufferSize + 1] = {};
+  KXSys::convertHexStrNullToBin(reinterpret_cast<const unsigned char*>(hex.c_str()), static_cast<unsigned int>(n),
+                                buffer, kUrlBufferSize);
+  return std::string(reinterpret_cast<const char*>(buffer));
+}
+
+int getContentLength(const std::map<std::string, std::string>& headers, unsigned long long& size) {
+  auto it = headers.find("content-length");
+  if (it == headers.end()) it = headers.find("Content-Length");
+  if (it == headers.end()) return -1;
+  size = std::stoull(std::string(it->second.c_str()), nullptr, 10);
+  return 0;
+}
+
+std::string computeMD5(const std::string& path) {
+  unsigned char hex[33] = {};
+  KXHashMD5::computeFileHexHash(reinterpret_cast<const unsigned char*>(path.c_str()), hex);
+  std::string out(reinterpret_cast<const char*>(hex));
+  for (char& c : out) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return out;
+}
+
+Version getSetupVersion(const std::string& /*path*/) { return Version(); }
+
+int parseAttachOutput(const std::vector<std::string>& lines, const std::string& packageName, std::string& device,
+                      std::string& pkgPath) {
+  for (const std::string& line : lines) {
+    std::vector<std::string> fields;
+    boost::algorithm::split(fields, line, boost::algorithm::is_any_of("\t"));
+    for (const std::string& field : fields) {
+      // hdiutil pads its columns with blanks; a volume name may hold blanks
+      // too, so fields are split at tabs only.
+      if (field.find("/dev/") != std::string::npos) {
+        device = boost::algorithm::trim_copy(field);
+        KXLOG(KXLM_ROOT, KXLL_DBG, "Mounted device is " << device);
+      }
+      if (field.find("/Volumes/") != std::string::npos) {
+        pkgPath = boost::algorithm::trim_copy(field) + "/" + packageName + ".pkg";
+        KXLOG(KXLM_ROOT, KXLL_DBG, "PKG path is " << pkgPath);
+      }
+    }
+  }
+  return device.empty() || pkgPath.empty() ? -1 : 0;
+}
+
+int mountAndGetPkgPath(const std::string& packageName, const std::string& imagePath, std::string& device,
+                       std::string& pkgPath) {
+  try {
+    std::string cmd = std::string("hdiutil") + " attach " + imagePath + " -nobrowse";
+    std::vector<std::string> lines;
+    const int r = exec(cmd, lines);
+    if (r != 0) return r;
+    return parseAttachOutput(lines, packageName, device, pkgPath);
+  } catch (const std::exception& e) {
+    KXLOG(KXLM_ROOT, KXLL_ERR, "mountAndGetPkgPath Error: " << e.what());
+    return -1;
+  }
+}
+
+int unmount(const std::string& device) { return std::system(("hdiutil detach " + device).c_str()); }
+
+}  // namespace utils

@@ -1,0 +1,119 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json_fwd.hpp>
+
+#include "Version.h"
+
+// Small stateless helpers of the updater: command runners, platform probes,
+// code/text conversions and the resolved parameters of one update.
+namespace utils {
+
+enum AgentArch : int32_t { Unknown = 0, X64 = 1, Arm64 = 2, X86 = 3, Arm = 4 };
+
+// Package kinds, named after the setup file's extension.
+enum AgentDistrib : int32_t { None = 0, Deb = 1, Rpm = 2, Exe = 3, Pkg = 4, Dmg = 5, Spk = 6 };
+
+enum AgentOS : int32_t { Windows = 1, Macosx = 2, Linux = 3 };
+
+// Everything one update needs to know about where the package lies, where it
+// goes, and how the agent is stopped, installed and started.
+struct SetuParameter {
+  std::string setupUrl;
+  std::string hashUrl;
+  std::string versionUrl;
+  std::string setupName;
+  std::string setupPath;
+  std::string startCmd;
+  std::string stopCmd;
+  // For a disk image only the prefix: the package path inside the attached
+  // image is appended once it is known.
+  std::string installCmd;
+  // Synology only; carried but not run by this program.
+  std::string postInstallCmd;
+  // Known from the macOS server probe, else 0 (then asked with HEAD).
+  uint64_t setupSize = 0;
+  // Version file content when the probe already fetched it.
+  std::string versionText;
+  // Installer package inside a disk image, without ".pkg".
+  std::string packageName;
+  std::string mountedDevice;
+};
+
+// One entry of the server's setup definition file.
+struct AgentSetupDef {
+  std::string name;
+  std::string path;
+  std::string setup;
+  std::string version;
+  std::string hash;
+  int32_t os = 0;
+  int32_t arch = 0;
+  bool enable = false;
+};
+
+// Reads all eight keys; a missing key or a wrong type throws the JSON
+// library's exception.
+void from_json(const nlohmann::json& j, AgentSetupDef& d);
+
+// Runs cmd through "sh -c" (sh looked up in PATH) and returns its exit code,
+// the number of the signal that ended it, or -1 when no process was made.
+// Only on exit code 0 are the output lines appended to output. The pipe is
+// read after the child has ended, so the command's output must fit in the
+// pipe buffer. Launch failures throw the process library's exception.
+int exec(std::string& cmd, std::vector<std::string>& output);
+
+// Runs cmd without a shell (split at blanks outside double quotes) and logs
+// its standard output at NFY and its standard error at ERR. Never throws;
+// returns the exit code as exec does, -1 on failure.
+int execlog(std::string& cmd);
+
+bool checkAdmin();
+// The operating system this build follows (see KX_TARGET_OS).
+int getOS();
+// The processor name of the machine ("arm64", "x86_64", ...).
+std::string getArch();
+AgentArch stringToAgentArch(const std::string& s);
+// Path word of an architecture code: "amd64", "arm64", "x86", "arm" or "none".
+const char* agentArchToString(int arch);
+// Package kind from the text after the file name's last ".".
+AgentDistrib stringToAgentDistrib(const std::string& fileName);
+const char* agentDistribToString(AgentDistrib d);
+// Log name of an operating-system code; "Unkown" for anything else.
+const char* agentOSToString(int os);
+bool isDebian();
+bool isSyno();
+// The system temporary directory (honours TMPDIR); empty, after logging, when
+// it cannot be determined.
+std::string getTempDir();
+// Hex text, two digits per byte, to the text it encodes; stops at the first
+// NUL byte. Input beyond 8192 digits is ignored; 4096 decoded bytes or more
+// throw the converter's KXException.
+std::string decodeURL(const std::string& hex);
+// Size from the "content-length" or "Content-Length" header (no other
+// spelling); -1 when neither is present. A non-numeric value throws.
+int getContentLength(const std::map<std::string, std::string>& headers, unsigned long long& size);
+// MD5 of the file as 32 lower-case hex digits.
+std::string computeMD5(const std::string& path);
+// The version inside a setup file cannot be read: always -1.-1.-1.-1.
+Version getSetupVersion(const std::string& path);
+
+// Attaches the disk image and finds the device and the package path
+// ("<volume>/<packageName>.pkg") in hdiutil's output. Returns 0, hdiutil's
+// non-zero exit code, or -1 (no device or volume found, or an exception).
+// The image stays attached when -1 follows a successful attach.
+int mountAndGetPkgPath(const std::string& packageName, const std::string& imagePath, std::string& device,
+                       std::string& pkgPath);
+// The device ("/dev/" field) and package path ("/Volumes/" field) in
+// hdiutil attach's output: fields are split at tabs only and trimmed, and the
+// last match of each wins. 0 when both were found, else -1.
+int parseAttachOutput(const std::vector<std::string>& lines, const std::string& packageName, std::string& device,
+                      std::string& pkgPath);
+// Detaches; returns system()'s raw status.
+int unmount(const std::string& device);
+
+}  // namespace utils
