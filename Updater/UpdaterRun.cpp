@@ -1,0 +1,391 @@
+// The update run: lock, version check, verified download, installation.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <boost/algorithm/string/trim.hpp>
+#include <boost/filesystem/operations.hpp>
+#include <boost/filesystem/path.hpp>
+#include <cstdio>
+#include <ctime>
+#include <exception>
+#include <map>
+#include <string>
+
+#include "KXLog.h"
+#include "KXSys.h"
+#include "Updater.h"
+#include "Version.h"
+#include "osal_sysinfo.h"
+
+namespace {
+
+constexpr int kDownloadAttempts = 3;
+constexpr long long kLockLifetimeMs = 3600000;
+const char* const kLockFileName = "upgrade_ovk.lock";
+
+// The last version without the display libraries; upgrades across it need
+// them installed first.
+const Version kXcbVersion(7, 2, 0, 0);
+
+const char* const kAptXcbLine =
+    "apt-get install -y"
+    "             libxrender1"
+    "             libxcb1"
+    "             libxcb-render0"
+    "             libxcb-render-util0"
+    "             libxcb-shape0"
+    "             libxcb-randr0"
+    "             libxcb-xfixes0"
+    "             libxcb-xkb1"
+    "             libxcb-sync1"
+    "             libxcb-shm0"
+    "             libxcb-icccm4"
+    "             libxcb-keysyms1"
+    "             libxcb-image0"
+    "             libxcb-util1"
+    "             libxcb-cursor0"
+    "             libxkbcommon0"
+    "             libxkbcommon-x11-0"
+    "             libfontconfig1"
+    "             libfreetype6"
+    "             libxext6"
+    "             libx11-xcb1"
+    "             libsm6"
+    "             libice6";
+
+const char* const kDnfXcbLine =
+    "dnf install -y "
+    "\t\t\tlibXrender "
+    "\t\t\tlibxcb "
+    "\t\t\txcb-util "
+    "\t\t\txcb-util-keysyms "
+    "\t\t\txcb-util-image "
+    "\t\t\txcb-util-renderutil "
+    "\t\t\txcb-util-cursor "
+    "\t\t\txcb-util-wm "
+    "\t\t\tlibxkbcommon "
+    "\t\t\tlibxkbcommon-x11 "
+    "\t\t\tfontconfig "
+    "\t\t\tfreetype "
+    "\t\t\tlibXext "
+    "\t\t\tlibX11-xcb "
+    "\t\t\tlibSM "
+    "\t\t\tlibICE";
+
+// The lock file lives in a shared temporary directory and the program runs
+// as root: never follow a link planted in its place.
+FILE* openLockFile(const std::string& path, bool forWriting) {
+  const int flags = forWriting ? O_WRONLY | O_CREAT | O_TRUNC : O_RDONLY;
+  const int fd = open(path.c_str(), flags | O_NOFOLLOW | O_CLOEXEC, 0644);
+  if (fd < 0) return nullptr;
+  FILE* f = fdopen(fd, forWriting ? "w" : "r");
+  if (f == nullptr) close(fd);
+  return f;
+}
+
+// Writes the current time; false when the file cannot be opened.
+bool writeLockFile(const std::string& path) {
+  FILE* f = openLockFile(path, true);
+  if (f == nullptr) return false;
+  std::fprintf(f, "%llu\n", KXSys::timeMs());
+  std::fclose(f);
+  return true;
+}
+
+std::string localDate(long long ms) {
+  const std::time_t seconds = static_cast<std::time_t>(ms / 1000);
+  std::tm tm{};
+  char buffer[100] = {};
+  if (localtime_r(&seconds, &tm) != nullptr) std::strftime(buffer, sizeof buffer, "%d-%m-%Y %H:%M:%S", &tm);
+  return buffer;
+}
+
+}  // namespace
+
+// ---- instance lock ------------------------------------------------------------
+
+bool Updater::checkLockFile() {
+  try {
+    lockFilePath = (boost::filesystem::temp_directory_path() / kLockFileName).string();
+    if (!boost::filesystem::exists(boost::filesystem::symlink_status(lockFilePath))) {
+      KXLOG(KXLM_ROOT, KXLL_NFY, "Lock file is [" << lockFilePath << "]");
+      if (!writeLockFile(lockFilePath)) KXLOG(KXLM_ROOT, KXLL_ERR, "Failed to open lock file");
+      return true;
+    }
+    KXLOG(KXLM_ROOT, KXLL_NFY, "Lock file is [" << lockFilePath << "]");
+    FILE* f = openLockFile(lockFilePath, false);
+    if (f == nullptr) {
+      KXLOG(KXLM_ROOT, KXLL_ERR, "Failed to open lock file");
+      return true;
+    }
+    char line[256] = {};
+    const bool read = std::fgets(line, sizeof line, f) != nullptr;
+    std::fclose(f);
+    std::string text = read ? line : "";
+    boost::algorithm::trim(text);
+    const long long stored = std::stoll(text, nullptr, 10);
+    const long long age = static_cast<long long>(KXSys::timeMs()) - stored;
+    if (age > kLockLifetimeMs) {
+      if (!writeLockFile(lockFilePath)) KXLOG(KXLM_ROOT, KXLL_ERR, "Failed to open lock file");
+      return true;
+    }
+    // A time in the future counts as fresh too: refused until an hour after it.
+    KXLOG(KXLM_ROOT, KXLL_NFY,
+          "Another instance of has been launched less than one hour ago "
+              << localDate(stored) << " : lock file location is " << lockFilePath);
+    return false;
+  } catch (const std::exception& e) {
+    KXLOG(KXLM_ROOT, KXLL_ERR, "checkLockFile error : " << e.what());
+    return false;
+  }
+}
+
+void Updater::removeLockFile() {
+  KXLOG(KXLM_ROOT, KXLL_NFY, "Remove lock file");
+  std::remove(lockFilePath.c_str());
+}
+
+// ---- the run --------------------------------------------------------------------
+
+int Updater::checkAndUpdate(const std::string& url, const std::string& version) {
+  KXLOG(KXLM_ROOT, KXLL_NFY, "Check Update");
+  KXLOG(KXLM_ROOT, KXLL_NFY, "Current version : " << version);
+  KXLOG(KXLM_ROOT, KXLL_NFY, "Udpate server : " << url);
+  if (!checkLockFile()) return 0;
+  const int result = doCheckAndUpdate(url, version);
+  // Only a failure that a retry may cure (no root, server unreachable)
+  // frees the lock at once; anything else waits out the hour.
+  if (result == 1 || result == 2 || restartOnly) removeLockFile();
+  return result;
+}
+
+int Updater::doCheckAndUpdate(const std::string& url, const std::string& version) {
+  try {
+    serverUrl = url;
+    os = utils::getOS();
+    KXLOG(KXLM_ROOT, KXLL_NFY, "OS is [" << utils::agentOSToString(os) << "]");
+    if (os == utils::Windows) {
+      distrib = utils::Exe;
+    } else if (os == utils::Linux) {
+      distrib = utils::isDebian() ? utils::Deb : utils::Rpm;
+      KXLOG(KXLM_ROOT, KXLL_NFY,
+            "distrib is [" << utils::agentDistribToString(static_cast<utils::AgentDistrib>(distrib)) << "]");
+    }
+
+    if (!utils::checkAdmin()) {
+      KXLOG(KXLM_ROOT, KXLL_ERR, "Need priveledged user or root user");
+      return 1;
+    }
+
+    const Version current = Version::parse(version);
+    if (current.isInvalid()) {
+      KXLOG(KXLM_ROOT, KXLL_ERR, "Invalid current version " << version);
+      return 4;
+    }
+
+    tempDir = utils::getTempDir();
+    if (tempDir.empty()) {
+      KXLOG(KXLM_ROOT, KXLL_ERR, "Cannot get temp directory location");
+      return 11;
+    }
+    KXLOG(KXLM_ROOT, KXLL_NFY, "tempdir is [" << tempDir << "]");
+
+    std::string archText = utils::getArch();
+    if (archText.empty()) {
+      KXLOG(KXLM_ROOT, KXLL_ERR, "Cannot get architecture");
+      return 3;
+    }
+    arch = utils::stringToAgentArch(archText);
+    bool emulated = false;
+    if (arch == utils::X64 && isEmulation()) {
+      // Translated on an Arm machine: fetch and install the native package.
+      archText = "arm64";
+      arch = utils::Arm64;
+      emulated = true;
+    }
+    if (arch == utils::Unknown) {
+      KXLOG(KXLM_ROOT, KXLL_ERR, "Invalid architecture");
+      return 3;
+    }
+    KXLOG(KXLM_ROOT, KXLL_NFY, "arch  is [" << archText << "]");
+
+    utils::SetuParameter p = getAgentSetup();
+    if (emulated) p.installCmd = "arch -arch arm64 " + p.installCmd;
+
+    KXLOG(KXLM_ROOT, KXLL_NFY, "version url = " << p.versionUrl);
+    KXLOG(KXLM_ROOT, KXLL_NFY, "setup url   = " << p.setupUrl);
+    KXLOG(KXLM_ROOT, KXLL_NFY, "setup path  = " << p.setupPath);
+    KXLOG(KXLM_ROOT, KXLL_NFY, "hash url    = " << p.hashUrl);
+    KXLOG(KXLM_ROOT, KXLL_NFY, "star cmd    = " << p.startCmd);
+    KXLOG(KXLM_ROOT, KXLL_NFY, "stop cmd    = " << p.stopCmd);
+    KXLOG(KXLM_ROOT, KXLL_NFY, "install cmd = " << p.installCmd);
+
+    std::map<std::string, std::string> headers;
+    std::string versionText;
+    if (os == utils::Macosx && !p.versionText.empty()) {
+      versionText = p.versionText;
+    } else {
+      const int c = httpClient.get(p.versionUrl, versionText, headers);
+      if (c != 0) {
+        KXLOG(KXLM_ROOT, KXLL_ERR, "Failed to download version:  [" << c << "]");
+        return 2;
+      }
+    }
+    const Version available = Version::parse(versionText);
+    if (available.isInvalid()) {
+      KXLOG(KXLM_ROOT, KXLL_ERR, "Invalid version_long.txt " << versionText);
+      return 5;
+    }
+    KXLOG(KXLM_ROOT, KXLL_NFY, "Available version is " << available);
+
+    if (!(current < available)) {
+      KXLOG(KXLM_ROOT, KXLL_NFY, "Current version is up to date. Nothing to do");
+      return 0;
+    }
+
+    // The hash file holds "<sum> <file name>"; without a blank there is no
+    // usable sum and the download is checked on its size alone.
+    std::string expectedMd5;
+    std::string hashBody;
+    const int hc = httpClient.get(p.hashUrl, hashBody, headers);
+    if (hc == 0) {
+      const size_t blank = hashBody.find(' ');
+      if (blank != std::string::npos) {
+        expectedMd5 = hashBody.substr(0, blank);
+        KXLOG(KXLM_ROOT, KXLL_NFY, "Downloaded md5 is " << expectedMd5);
+      }
+    } else {
+      KXLOG(KXLM_ROOT, KXLL_ERR, "No file signature available (skip verification): [" << hc << "]");
+    }
+
+    unsigned long long expectedSize = 0;
+    if (os == utils::Macosx && p.setupSize != 0) {
+      expectedSize = p.setupSize;
+    } else {
+      const int c = httpClient.head(p.setupUrl, headers);
+      if (c != 0) {
+        KXLOG(KXLM_ROOT, KXLL_ERR, "Fail to get HEAD for " << p.setupUrl << ": [" << c << " ]");
+        return 2;
+      }
+      if (utils::getContentLength(headers, expectedSize) != 0) {
+        KXLOG(KXLM_ROOT, KXLL_ERR, "Fail to determine file size");
+        return 7;
+      }
+      KXLOG(KXLM_ROOT, KXLL_NFY, "File size for " << p.setupUrl << " is " << expectedSize << " bytes");
+    }
+
+    enum class Outcome { NotTried, WrongSize, WrongHash, Accepted } outcome = Outcome::NotTried;
+    for (int attempt = 0; attempt < kDownloadAttempts && outcome != Outcome::Accepted; ++attempt) {
+      const int c = httpClient.download(p.setupUrl, p.setupPath, headers);
+      if (c != 0) {
+        KXLOG(KXLM_ROOT, KXLL_ERR, "'Fail to download setup file: [" << c << "]");
+        return 2;
+      }
+      const unsigned long long n = boost::filesystem::file_size(p.setupPath);
+      KXLOG(KXLM_ROOT, KXLL_NFY, "Setup downloaded [" << n << " bytes]");
+      if (n != expectedSize) {
+        // Not deleted: the next download overwrites it.
+        KXLOG(KXLM_ROOT, KXLL_WRN,
+              "Downloaded size is " << n << " bytes. Expected size is " << expectedSize << " bytes - try again");
+        outcome = Outcome::WrongSize;
+        continue;
+      }
+      if (expectedMd5.empty()) {
+        outcome = Outcome::Accepted;
+        continue;
+      }
+      const std::string computed = utils::computeMD5(p.setupPath);
+      if (computed == expectedMd5) {
+        KXLOG(KXLM_ROOT, KXLL_NFY, "Computed md5 is " << computed);
+        outcome = Outcome::Accepted;
+      } else {
+        KXLOG(KXLM_ROOT, KXLL_WRN,
+              "Re-download setup file because current one has a wrong hash: " << computed << " vs " << expectedMd5);
+        std::remove(p.setupPath.c_str());
+        outcome = Outcome::WrongHash;
+      }
+    }
+    switch (outcome) {
+      case Outcome::Accepted:
+        break;
+      case Outcome::WrongHash:
+        KXLOG(KXLM_ROOT, KXLL_ERR, "Invalid setup md5");
+        return 7;
+      case Outcome::WrongSize:
+        KXLOG(KXLM_ROOT, KXLL_ERR, "Invalid setup size");
+        return 6;
+      default:
+        KXLOG(KXLM_ROOT, KXLL_ERR, "Fail to download setup");
+        return 11;
+    }
+
+    if (os == utils::Macosx && distrib == utils::Dmg) {
+      std::string pkgPath;
+      if (utils::mountAndGetPkgPath(p.packageName, p.setupPath, p.mountedDevice, pkgPath) != 0) {
+        KXLOG(KXLM_ROOT, KXLL_ERR, "Unable to attach setup");
+        return 9;
+      }
+      p.installCmd += "\"" + pkgPath + "\"";
+    }
+
+    installAgent(p, current, available);
+    KXLOG(KXLM_ROOT, KXLL_NFY, "Agent Update done");
+    return 0;
+  } catch (const std::exception& e) {
+    KXLOG(KXLM_ROOT, KXLL_ERR, "Exception : " << e.what());
+    return 11;
+  }
+}
+
+// ---- service control ------------------------------------------------------------
+
+void Updater::installAgent(const utils::SetuParameter& p, const Version& current, const Version& available) {
+  KXLOG(KXLM_ROOT, KXLL_NFY, "Agent Stopping ....");
+  const int stopped = std::system(p.stopCmd.c_str());
+  if (stopped == 0) {
+    KXLOG(KXLM_ROOT, KXLL_NFY, "Agent Stopped");
+  } else {
+    KXLOG(KXLM_ROOT, KXLL_ERR, "Fail to stop agent: [" << stopped << "]");
+  }
+
+  if (!restartOnly) {
+    KXLOG(KXLM_ROOT, KXLL_NFY, "Upgrading agent ...'");
+    if (os == utils::Linux && current <= kXcbVersion && kXcbVersion <= available) installXCBDeps();
+    const int installed = std::system(p.installCmd.c_str());
+    if (installed == 0) {
+      KXLOG(KXLM_ROOT, KXLL_NFY, "Agent Installed");
+    } else {
+      KXLOG(KXLM_ROOT, KXLL_ERR, "Fail to install agent : [" << installed << "]");
+    }
+  }
+
+  if (os == utils::Macosx && distrib == utils::Dmg) utils::unmount(p.mountedDevice);
+
+  // Reached on every path that stopped the agent: it must never stay down.
+  const int started = std::system(p.startCmd.c_str());
+  if (started == 0) {
+    KXLOG(KXLM_ROOT, KXLL_NFY, "Agent Started");
+  } else {
+    KXLOG(KXLM_ROOT, KXLL_ERR, "Fail to re-start agent : [" << started << "]");
+  }
+}
+
+const char* Updater::aptXcbLine() { return kAptXcbLine; }
+const char* Updater::dnfXcbLine() { return kDnfXcbLine; }
+
+void Updater::installXCBDeps() {
+  KXLOG(KXLM_ROOT, KXLL_NFY, "installXCBDeps ...");
+  const char* line = nullptr;
+  if (distrib == utils::Deb && std::system("dpkg -S libX11 > /dev/null 2>&1") == 0) {
+    line = kAptXcbLine;
+  } else if (distrib == utils::Rpm && std::system("rpm -q libX11 > /dev/null 2>&1") == 0) {
+    line = kDnfXcbLine;
+  }
+  if (line == nullptr) {
+    KXLOG(KXLM_ROOT, KXLL_NFY, "X11 not found");
+    return;
+  }
+  KXLOG(KXLM_ROOT, KXLL_NFY, "Found x11");
+  const int r = std::system(line);
+  KXLOG(KXLM_ROOT, KXLL_NFY, "Install xcb dependencies" << r);
+}
