@@ -15,7 +15,7 @@ namespace {
 const char kGetStatusFailure[] = "Faild to get  http status code [";
 const char kHeadStatusFailure[] = "Failed to get  http status code [";
 
-constexpr long kDownloadBufferSize = 256 * 1024;
+constexpr long kDownloadBufferSize = 256L * 1024;
 
 // libcurl reports progress in curl_off_t; the client's callback keeps the
 // long-based signature the rest of the code base knows.

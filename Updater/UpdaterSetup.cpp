@@ -115,7 +115,7 @@ utils::AgentSetupDef Updater::parseAgentSetupCfg(const std::string& body) {
     // Windows, the file name's ending on Linux where the entry's os is not
     // looked at, and no file name check on macOS.
     for (const nlohmann::json& entry : root) {
-      const utils::AgentSetupDef def = entry.get<utils::AgentSetupDef>();
+      utils::AgentSetupDef def = entry.get<utils::AgentSetupDef>();
       if (!def.enable || def.arch != arch) continue;
       bool fits = false;
       switch (os) {

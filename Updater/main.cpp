@@ -36,7 +36,7 @@ std::string logDirectory() {
   char dbDir[1024] = {};
   osal_getconfstr(confFile, dbDir, sizeof dbDir);
   if (dbDir[0] != '\0') {
-    const std::string dir = (boost::filesystem::path(dbDir) / "UpdLogs").string();
+    std::string dir = (boost::filesystem::path(dbDir) / "UpdLogs").string();
     osal_mkdir(dir.c_str(), nullptr, false);
     return dir;
   }

@@ -16,7 +16,7 @@
 // loses its lines, while the echo to standard output goes on.
 class FileKXLogCb : public KXLogCb {
  public:
-  static constexpr long long kMaxSize = 5 * 1024 * 1024;
+  static constexpr long long kMaxSize = 5LL * 1024 * 1024;
 
   // Opens path for appending, creating it if missing. A failed open leaves
   // the sink failed, silently.

@@ -213,7 +213,9 @@ class KXLog {
 // The one logging statement: KXLOG(KXLM_ROOT, KXLL_ERR, "text [" << code << "]").
 // The level is tested before the lock is taken and before any piece of msg
 // is evaluated; whatever msg throws is reported on standard error and
-// swallowed.
+// swallowed. msg is a chain of stream insertions, so it cannot be
+// parenthesised.
+// NOLINTBEGIN(bugprone-macro-parentheses)
 #define KXLOG(module, level, msg)                                          \
   do {                                                                     \
     KXLog* kx_log_ = KXLog::getLogger();                                   \
@@ -231,3 +233,4 @@ class KXLog {
       }                                                                    \
     }                                                                      \
   } while (0)
+// NOLINTEND(bugprone-macro-parentheses)

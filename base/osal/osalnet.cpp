@@ -54,7 +54,7 @@ std::string addressText(const struct sockaddr* sa, OSAL_AddrKind kind) {
 std::string primaryAddressText(OSAL_AddrKind kind) {
   struct ifaddrs* list = nullptr;
   if (getifaddrs(&list) != 0) return std::string();
-  const std::string text = osal_interfaceAddressText(list, osal_primaryInterfaceName(list).c_str(), kind);
+  std::string text = osal_interfaceAddressText(list, osal_primaryInterfaceName(list).c_str(), kind);
   freeifaddrs(list);
   return text;
 }
@@ -69,7 +69,7 @@ std::string osal_interfaceAddressText(const struct ifaddrs* list, const char* na
   if (name == nullptr || *name == '\0') return std::string();
   for (const struct ifaddrs* it = list; it != nullptr; it = it->ifa_next) {
     if (it->ifa_name == nullptr || strcmp(it->ifa_name, name) != 0) continue;
-    const std::string text = addressText(it->ifa_addr, kind);
+    std::string text = addressText(it->ifa_addr, kind);
     if (!text.empty()) return text;
   }
   return std::string();

@@ -200,8 +200,8 @@ unsigned int KXSys::convertBinToHex(const void* bin, unsigned int len, unsigned 
   const char* digits = lowerCase ? kLowerHex : kUpperHex;
   const unsigned char* in = static_cast<const unsigned char*>(bin);
   for (unsigned int i = 0; i < len; ++i) {
-    out[2 * i] = static_cast<unsigned char>(digits[in[i] >> 4]);
-    out[2 * i + 1] = static_cast<unsigned char>(digits[in[i] & 0x0F]);
+    out[2 * static_cast<size_t>(i)] = static_cast<unsigned char>(digits[in[i] >> 4]);
+    out[2 * static_cast<size_t>(i) + 1] = static_cast<unsigned char>(digits[in[i] & 0x0F]);
   }
   return 2 * len;
 }
@@ -224,9 +224,9 @@ unsigned int KXSys::convertHexToBin(const unsigned char* hex, unsigned int hexLe
   unsigned char* bin = static_cast<unsigned char*>(out);
   unsigned int n = 0;
   for (; n < pairs; ++n) {
-    const int hi = hexDigit(hex[2 * n]);
+    const int hi = hexDigit(hex[2 * static_cast<size_t>(n)]);
     if (hi < 0) break;
-    const int lo = hexDigit(hex[2 * n + 1]);
+    const int lo = hexDigit(hex[2 * static_cast<size_t>(n) + 1]);
     if (lo < 0) break;
     bin[n] = static_cast<unsigned char>(hi << 4 | lo);
   }
