@@ -1,0 +1,113 @@
+#!/usr/bin/env bash
+# A whole update run against `curl -s -o pkg URL && md5sum pkg`: the same
+# package from the same loopback server (kx_test_server, streaming it from
+# disk), in alternating rounds. The update run is the real program of the
+# Linux flow: probe, version check, hash file, HEAD, download, MD5, and the
+# service commands (stand-ins that only record, in a scratch directory). It
+# reports wall and CPU time of each side and the update's peak resident
+# memory, which should stay below 32 MiB whatever the package size.
+#
+# Run by hand as root (the program refuses to run otherwise) on an otherwise
+# idle machine with room for three copies of the package; not part of CI.
+#
+#   bench/update_vs_curl.sh [build-dir] [size-MiB] [rounds]
+#   defaults:               build       1024       3
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+build=${1:-build}
+size_mib=${2:-1024}
+rounds=${3:-3}
+limit_kib=$((32 * 1024))
+
+update=$build/bin/update-linux
+[[ -x $update ]] || update=$build/bin/update
+for tool in "$update" "$build/bin/kx_test_server" /usr/bin/time "$(command -v curl)" "$(command -v md5sum)"; do
+  [[ -x $tool ]] || { echo "update_vs_curl: missing $tool (build first: cmake --build $build)" >&2; exit 1; }
+done
+[[ $(id -u) -eq 0 ]] || { echo "update_vs_curl: run as root (the update program needs it)" >&2; exit 1; }
+case $(uname -m) in
+  x86_64 | amd64) arch_dir=amd64 ;;
+  aarch64 | arm64) arch_dir=aarch64 ;;
+  *) echo "update_vs_curl: no package layout for $(uname -m)" >&2; exit 1 ;;
+esac
+
+work=$(mktemp -d "${TMPDIR:-/tmp}/kx_update_bench.XXXXXX")
+server_pid=
+cleanup() {
+  if [[ -n $server_pid ]]; then
+    kill "$server_pid" 2>/dev/null || true
+    wait "$server_pid" 2>/dev/null || true
+  fi
+  rm -rf "$work"
+}
+trap cleanup EXIT
+
+pkg_dir=$work/root/linux/$arch_dir
+mkdir -p "$pkg_dir" "$work/bin" "$work/tmp" "$work/curl"
+echo "preparing a ${size_mib} MiB package in $work"
+# Random bytes, so that nothing between server and client can shortcut them.
+head -c $((size_mib << 20)) /dev/urandom >"$pkg_dir/setup.deb"
+(cd "$pkg_dir" && md5sum setup.deb >setup.deb.md5)
+printf '7.3.0.0\n' >"$pkg_dir/version_long.txt"
+for cmd in systemctl dpkg apt-get rpm dnf; do
+  cp tests/support/shims/shim "$work/bin/$cmd"
+done
+
+coproc SERVER { exec "$build/bin/kx_test_server" --root "$work/root"; }
+# shellcheck disable=SC2153 # set by coproc
+server_pid=$SERVER_PID
+read -r -t 20 port <&"${SERVER[0]}" || { echo "update_vs_curl: server did not start" >&2; exit 1; }
+url=http://127.0.0.1:$port
+hex_url=$(printf %s "$url" | od -An -tx1 -v | tr -d ' \n')
+
+# One whole update; prints "<wall s> <cpu s> <peak KiB>".
+run_update() {
+  # Each run starts afresh: no lock from the previous one, no old download.
+  rm -f "$work/tmp/upgrade_ovk.lock" "$work/tmp/setup.deb" "$work/tmp/agent_upd.log"
+  : >"$work/calls.log"
+  env TMPDIR="$work/tmp" KX_AGENT_INSTANCE="bench-$$" PATH="$work/bin:$PATH" KX_SHIM_RECORD="$work/calls.log" \
+    /usr/bin/time -f "%e %U %S %M" -o "$work/time" "$update" "$hex_url" 7.2.0.1 >/dev/null
+  grep -q "Agent Update done" "$work/tmp/agent_upd.log" || { echo "update: no update done" >&2; exit 1; }
+  grep -q "^dpkg -i $work/tmp/setup.deb$" "$work/calls.log" || { echo "update: nothing installed" >&2; exit 1; }
+  awk '{printf "%s %.2f %s\n", $1, $2 + $3, $4}' "$work/time"
+}
+
+# The reference: download, then hash. %M is the larger of the two processes.
+run_curl() {
+  rm -f "$work/curl/pkg"
+  # shellcheck disable=SC2016 # expanded by the inner shell
+  /usr/bin/time -f "%e %U %S %M" -o "$work/time" \
+    sh -c 'curl -s -o "$1/pkg" "$2" && md5sum "$1/pkg" >"$1/sum"' sh "$work/curl" "$url/linux/$arch_dir/setup.deb"
+  [[ $(cut -d' ' -f1 "$work/curl/sum") == $(cut -d' ' -f1 "$pkg_dir/setup.deb.md5") ]] ||
+    { echo "curl: hash differs" >&2; exit 1; }
+  awk '{printf "%s %.2f %s\n", $1, $2 + $3, $4}' "$work/time"
+}
+
+# Warm the page cache for the served file once.
+cat "$pkg_dir/setup.deb" >/dev/null
+
+declare -a up_times curl_times up_cpus curl_cpus
+up_rss=0 curl_rss=0
+for ((i = 1; i <= rounds; i++)); do
+  read -r t c m < <(run_update); up_times+=("$t"); up_cpus+=("$c"); ((m > up_rss)) && up_rss=$m
+  read -r t c m < <(run_curl); curl_times+=("$t"); curl_cpus+=("$c"); ((m > curl_rss)) && curl_rss=$m
+  echo "round $i: update ${up_times[-1]} s (cpu ${up_cpus[-1]}), curl+md5sum ${curl_times[-1]} s (cpu ${curl_cpus[-1]})"
+done
+
+median() { printf '%s\n' "$@" | sort -n | awk '{v[NR]=$1} END {print (NR%2 ? v[(NR+1)/2] : (v[NR/2]+v[NR/2+1])/2)}'; }
+up_med=$(median "${up_times[@]}")
+curl_med=$(median "${curl_times[@]}")
+up_cpu=$(median "${up_cpus[@]}")
+curl_cpu=$(median "${curl_cpus[@]}")
+echo
+printf '%-13s %10s %12s %10s\n' "" "median s" "median cpu s" "peak KiB"
+printf '%-13s %10s %12s %10s\n' update "$up_med" "$up_cpu" "$up_rss"
+printf '%-13s %10s %12s %10s\n' curl+md5sum "$curl_med" "$curl_cpu" "$curl_rss"
+awk -v u="$up_med" -v c="$curl_med" 'BEGIN { printf "update / curl+md5sum: time %.3f (%+.1f%%)\n", u / c, (u / c - 1) * 100 }'
+if ((up_rss < limit_kib)); then
+  echo "update peak memory ${up_rss} KiB: below the ${limit_kib} KiB aim"
+else
+  echo "update peak memory ${up_rss} KiB: ABOVE the ${limit_kib} KiB aim"
+  exit 1
+fi
