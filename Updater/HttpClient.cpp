@@ -1,5 +1,8 @@
 #include "HttpClient.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cstdint>
 #include <cstdio>
 #include <locale>
@@ -9,6 +12,17 @@
 #include "KXLog.h"
 
 namespace {
+
+// "wb", except that a link in place of the file is not followed: the file
+// usually lands in a shared temporary directory, and the program runs as
+// root.
+FILE* openForDownload(const std::string& path) {
+  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
+  if (fd < 0) return nullptr;
+  FILE* file = fdopen(fd, "wb");
+  if (file == nullptr) close(fd);
+  return file;
+}
 
 // Kept as the program has always written them, misspelling and double blanks
 // included: existing log searches look for these exact texts.
@@ -127,7 +141,7 @@ int HttpClient::download(const std::string& url, const std::string& path, std::m
   if (!init()) return -1;
   headers.clear();
   curl_easy_setopt(handle, CURLOPT_URL, (config + url).c_str());
-  FILE* file = std::fopen(path.c_str(), "wb");
+  FILE* file = openForDownload(path);
   if (file == nullptr) return -1;
   int lastPercent = 0;
   curl_easy_setopt(handle, CURLOPT_NOBODY, 0L);

@@ -44,12 +44,19 @@ std::string logDirectory() {
   return boost::filesystem::temp_directory_path(ec).string();
 }
 
+// An empty directory (no usable temporary directory) leaves the sink without
+// a file rather than writing into whatever the working directory is; the
+// echo still works.
+std::string logFilePath() {
+  const std::string dir = logDirectory();
+  return dir.empty() ? std::string() : (boost::filesystem::path(dir) / kLogFileName).string();
+}
+
 void init_logging(bool echo) {
   KXLog* log = KXLog::getLogger();
   if (log == nullptr) return;
   log->setLevels("ROOT:5;");
-  const std::string path = (boost::filesystem::path(logDirectory()) / kLogFileName).string();
-  g_KXLogCb = new FileKXLogCb(path, echo);
+  g_KXLogCb = new FileKXLogCb(logFilePath(), echo);
   log->setLogCb(g_KXLogCb);
 }
 

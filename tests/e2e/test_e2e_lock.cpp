@@ -1,6 +1,7 @@
 // The instance lock across runs of the program.
 #include <sys/stat.h>
 
+#include <boost/filesystem/operations.hpp>
 #include <ctime>
 #include <regex>
 #include <string>
@@ -165,6 +166,9 @@ TEST_F(E2eLock, NoTemporaryDirectoryRefusesTheRun) {
   EXPECT_NE(r.out.find("] - checkLockFile error : "), std::string::npos) << r;
   EXPECT_EQ(r.out.find("OS is ["), std::string::npos) << r;
   EXPECT_TRUE(server.requestLines().empty());
+  // With no temporary directory there is no log file either: nothing lands
+  // in the working directory.
+  EXPECT_FALSE(boost::filesystem::exists(box.file("agent_upd.log")));
 }
 
 TEST_F(E2eLock, ALinkInItsPlaceIsNotFollowed) {

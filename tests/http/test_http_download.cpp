@@ -50,6 +50,11 @@ TEST_F(HttpDownload, UnopenablePathFailsWithoutRequestOrLog) {
   headers = {{"Stale", "x"}};
 
   EXPECT_EQ(client.download(server.url("/pkg.dmg"), dir.file("no/such/dir/pkg.dmg"), headers), -1);
+  // A link planted where the package goes is refused, not written through.
+  writeFile(dir.file("victim"), "precious");
+  ASSERT_EQ(symlink(dir.file("victim").c_str(), dir.file("linked.dmg").c_str()), 0);
+  EXPECT_EQ(client.download(server.url("/pkg.dmg"), dir.file("linked.dmg"), headers), -1);
+  EXPECT_EQ(readFile(dir.file("victim")), "precious");
   EXPECT_TRUE(log.messages().empty());
   EXPECT_TRUE(server.requests().empty());
   EXPECT_TRUE(headers.empty());
