@@ -12,6 +12,7 @@
 #include <cstring>
 #include <exception>
 #include <nlohmann/json.hpp>
+#include <stdexcept>
 
 #include "KXHash.h"
 #include "KXLog.h"
@@ -24,6 +25,21 @@ namespace {
 constexpr size_t kMaxUrlHexDigits = 8192;
 constexpr unsigned int kUrlBufferSize = 4096;
 constexpr size_t kSysInfoBufferSize = 1025;
+
+// The JSON library converts a float to int with a plain cast, which is
+// undefined beyond int's range ("os": 1e70 in a served file). Such a value is
+// refused like a wrong type; in-range floats still truncate as before.
+int32_t toInt32(const nlohmann::json& j, const char* key) {
+  const nlohmann::json& v = j.at(key);
+  if (v.is_number_float()) {
+    const double d = v.get<double>();
+    if (!(d > -2147483649.0 && d < 2147483648.0)) {
+      throw std::out_of_range(std::string("number out of range for key '") + key + "'");
+    }
+  }
+  return v.get<int32_t>();
+}
+
 }  // namespace
 
 void from_json(const nlohmann::json& j, AgentSetupDef& d) {
@@ -32,8 +48,8 @@ void from_json(const nlohmann::json& j, AgentSetupDef& d) {
   d.setup = j.at("setup").get<std::string>();
   d.version = j.at("version").get<std::string>();
   d.hash = j.at("hash").get<std::string>();
-  d.os = j.at("os").get<int32_t>();
-  d.arch = j.at("arch").get<int32_t>();
+  d.os = toInt32(j, "os");
+  d.arch = toInt32(j, "arch");
   d.enable = j.at("enable").get<bool>();
 }
 
