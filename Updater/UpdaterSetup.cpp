@@ -58,6 +58,21 @@ const std::vector<const char*>* findCandidates(const ProbeTable (&table)[N], con
 }  // namespace
 
 utils::SetuParameter Updater::getAgentSetup() {
+  using Fill = void (Updater::*)(utils::SetuParameter&);
+  // The per-platform step for this run's os, Linux, macOS or Windows.
+  const auto fillFor = [this](Fill linux, Fill mac, Fill windows) -> Fill {
+    switch (os) {
+      case utils::Linux:
+        return linux;
+      case utils::Macosx:
+        return mac;
+      case utils::Windows:
+        return windows;
+      default:
+        throw std::runtime_error("Unknow OS");
+    }
+  };
+
   const std::string url = serverUrl + "/agent_setup_def.json";
   std::string body;
   std::map<std::string, std::string> headers;
@@ -76,34 +91,12 @@ utils::SetuParameter Updater::getAgentSetup() {
     p.versionUrl = base + def.version;
     p.setupPath = joinPath(tempDir, def.setup);
     distrib = utils::stringToAgentDistrib(def.setup);
-    switch (os) {
-      case utils::Linux:
-        fillInstallSetupParamForLinux(p);
-        break;
-      case utils::Macosx:
-        fillInstallSetupParamForMacOSX(p);
-        break;
-      case utils::Windows:
-        fillInstallSetupParamForWindows(p);
-        break;
-      default:
-        throw std::runtime_error("Unknow OS");
-    }
+    (this->*fillFor(&Updater::fillInstallSetupParamForLinux, &Updater::fillInstallSetupParamForMacOSX,
+                    &Updater::fillInstallSetupParamForWindows))(p);
   } else {
     KXLOG(KXLM_ROOT, KXLL_WRN, "Failed to get agent setup definition file - use legacy definition");
-    switch (os) {
-      case utils::Linux:
-        fillDefaultSetupParamForLinux(p);
-        break;
-      case utils::Macosx:
-        fillDefaultSetupParamForMacOSX(p);
-        break;
-      case utils::Windows:
-        fillDefaultSetupParamForWindows(p);
-        break;
-      default:
-        throw std::runtime_error("Unknow OS");
-    }
+    (this->*fillFor(&Updater::fillDefaultSetupParamForLinux, &Updater::fillDefaultSetupParamForMacOSX,
+                    &Updater::fillDefaultSetupParamForWindows))(p);
   }
   return p;
 }
