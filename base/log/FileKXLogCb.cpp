@@ -1,8 +1,10 @@
 #include "FileKXLogCb.h"
 
+#include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <charconv>
 #include <iostream>
@@ -20,9 +22,24 @@ constexpr uint32_t kExtraFlushEvery = 100;
 constexpr std::ios::openmode kAppend = std::ios::out | std::ios::app | std::ios::ate;
 
 const char* orEmpty(const char* s) { return s != nullptr ? s : ""; }
+
+// The log often lies in a shared temporary directory and the program runs as
+// root: a link planted in the file's place would have every line appended to
+// whatever it names. The file is found or made without following a link
+// first; in a sticky directory a file made by root cannot be swapped by
+// anyone else before the stream opens it.
+void openAppending(std::ofstream& stream, const std::string& path) {
+  const int fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644);
+  if (fd < 0) {
+    stream.setstate(std::ios::failbit);
+    return;
+  }
+  ::close(fd);
+  stream.open(path, kAppend);
+}
 }  // namespace
 
-FileKXLogCb::FileKXLogCb(const std::string& path, bool echo) : stream(path, kAppend), path(path), echo(echo) {}
+FileKXLogCb::FileKXLogCb(const std::string& path, bool echo) : path(path), echo(echo) { openAppending(stream, path); }
 
 FileKXLogCb::~FileKXLogCb() {
   try {
@@ -95,6 +112,6 @@ void FileKXLogCb::rollLogFiles() {
   // A failed rename leaves the file where it is; reopening appends to it and
   // the next line tries the roll again.
   rename(path.c_str(), backupName(path).c_str());
-  stream.open(path, kAppend);
+  openAppending(stream, path);
   if (stream.is_open()) stream.clear();
 }

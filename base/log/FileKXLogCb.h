@@ -18,8 +18,8 @@ class FileKXLogCb : public KXLogCb {
  public:
   static constexpr long long kMaxSize = 5LL * 1024 * 1024;
 
-  // Opens path for appending, creating it if missing. A failed open leaves
-  // the sink failed, silently.
+  // Opens path for appending, creating it if missing; a link in path's place
+  // is not followed. A failed open leaves the sink failed, silently.
   FileKXLogCb(const std::string& path, bool echo);
   ~FileKXLogCb() override;
   FileKXLogCb(const FileKXLogCb&) = delete;

@@ -3,9 +3,12 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <poll.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/mman.h>
+#include <sys/mount.h>
 #include <sys/personality.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/utsname.h>
@@ -213,6 +216,8 @@ RunResult runProgram(const std::string& program, const std::vector<std::string>&
   for (std::string& e : envStore) envp.push_back(&e[0]);
   envp.push_back(nullptr);
 
+  const std::string diskOptions = options.smallDisk ? "size=" + std::to_string(options.smallDisk->second) : "";
+
   // Anonymous files rather than pipes: nothing to drain while waiting, and
   // no buffer for a chatty program to fill up.
   const int out = memfd_create("e2e-stdout", MFD_CLOEXEC);
@@ -221,6 +226,18 @@ RunResult runProgram(const std::string& program, const std::vector<std::string>&
   const pid_t pid = out >= 0 && err >= 0 && in >= 0 ? fork() : -1;
   if (pid == 0) {
     if (options.uname32 && personality(PER_LINUX32) == -1) childFailed("personality");
+    if (options.fileSizeLimit) {
+      const rlimit limit{*options.fileSizeLimit, *options.fileSizeLimit};
+      if (signal(SIGXFSZ, SIG_IGN) == SIG_ERR || setrlimit(RLIMIT_FSIZE, &limit) != 0) childFailed("file size limit");
+    }
+    if (options.smallDisk) {
+      // Private and recursive first, so that the mount never propagates
+      // back to the system's namespace.
+      if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+          mount("tmpfs", options.smallDisk->first.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, diskOptions.c_str()) != 0) {
+        childFailed("small disk");
+      }
+    }
     if (options.user) {
       if (setgroups(0, nullptr) != 0 || setgid(options.user->second) != 0 || setuid(options.user->first) != 0) {
         childFailed("cannot switch user");
@@ -240,7 +257,9 @@ RunResult runProgram(const std::string& program, const std::vector<std::string>&
     if (result.status == kChildSetupFailed && result.err.rfind(kSetupFailure, 0) == 0) {
       ADD_FAILURE() << "cannot run " << program << ": " << result.err;
     }
-    if (result.timedOut) ADD_FAILURE() << program << " still ran after " << options.timeout.count() << " s";
+    if (result.timedOut && !options.timeoutExpected) {
+      ADD_FAILURE() << program << " still ran after " << options.timeout.count() << " s";
+    }
   }
   for (int fd : {in, out, err}) {
     if (fd >= 0) close(fd);
@@ -248,22 +267,61 @@ RunResult runProgram(const std::string& program, const std::vector<std::string>&
   return result;
 }
 
+bool privateMountsAvailable() {
+  const pid_t pid = fork();
+  if (pid == 0) {
+    _exit(unshare(CLONE_NEWNS) == 0 && mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 ? 0 : 1);
+  }
+  if (pid < 0) return false;
+  int status = 0;
+  while (waitpid(pid, &status, 0) < 0) {
+    if (errno != EINTR) return false;
+  }
+  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+ScopedConfig::ScopedConfig(const std::string& configRoot, const std::string& instance, const std::string& dbDir)
+    : _dir(configRoot + "." + instance) {
+  std::vector<boost::filesystem::path> missing;
+  for (boost::filesystem::path p = _dir; !p.empty() && !boost::filesystem::exists(p); p = p.parent_path()) {
+    missing.push_back(p);
+  }
+  for (auto it = missing.rbegin(); it != missing.rend(); ++it) {
+    boost::filesystem::create_directory(*it);
+    _created.push_back(it->string());
+  }
+  writeFile(file(), dbDir + "\n");
+}
+
+ScopedConfig::~ScopedConfig() {
+  boost::system::error_code ec;
+  boost::filesystem::remove(file(), ec);
+  for (auto it = _created.rbegin(); it != _created.rend(); ++it) boost::filesystem::remove(*it, ec);
+}
+
 std::vector<LogLine> parseLog(const std::string& text) {
+  // Only the fixed prefix goes through the regex: libstdc++ matches
+  // recursively, and a long message (a 64 KiB version file) would overflow
+  // the stack.
   static const std::regex layout(
-      R"(\[(\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2})\] - ([^: ]+):([A-Z0-9]{3}) - \[ \(([^:]*):(\d+)\)\] - (.*))");
+      R"(\[(\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2})\] - ([^: ]+):([A-Z0-9]{3}) - \[ \(([^:]*):(\d+)\)\] - )");
+  static const std::string prefixEnd = ")] - ";
   std::vector<LogLine> lines;
   std::istringstream in(text);
   std::string physical;
   while (std::getline(in, physical)) {
     std::smatch m;
-    if (std::regex_match(physical, m, layout)) {
+    const size_t end = physical.find(prefixEnd);
+    if (end != std::string::npos &&
+        std::regex_match(physical.cbegin(), physical.cbegin() + static_cast<std::ptrdiff_t>(end + prefixEnd.size()), m,
+                         layout)) {
       LogLine l;
       l.time = m[1];
       l.module = m[2];
       l.level = m[3];
       l.file = m[4];
       l.line = std::stoi(m[5]);
-      l.message = m[6];
+      l.message = physical.substr(end + prefixEnd.size());
       l.raw = physical;
       lines.push_back(l);
     } else if (!lines.empty()) {

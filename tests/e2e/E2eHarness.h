@@ -20,6 +20,7 @@
 // with the object. The harness relies on Linux process facilities (memfd,
 // pidfd, personality).
 
+#include <sys/resource.h>
 #include <sys/types.h>
 
 #include <chrono>
@@ -75,7 +76,21 @@ struct RunOptions {
   // A run that takes longer is killed and reported as timed out; real runs
   // take well under a second.
   std::chrono::seconds timeout{30};
+  // The timeout is the watchdog the test relies on (a run that is meant to
+  // hang): reaching it does not fail the test.
+  bool timeoutExpected = false;
+  // A file size limit in bytes, with SIGXFSZ ignored, so that a write past
+  // it fails (EFBIG) the way a write to a full disk does, without a signal.
+  std::optional<rlim_t> fileSizeLimit;
+  // An empty tmpfs of `second` bytes mounted on the directory `first` in a
+  // mount namespace of the child's own: a small disk that nobody else sees
+  // and that vanishes with the run. Needs privateMountsAvailable().
+  std::optional<std::pair<std::string, size_t>> smallDisk;
 };
+
+// Whether this process may give a child a mount namespace of its own (root,
+// and a kernel or container that allows it).
+bool privateMountsAvailable();
 
 struct RunResult {
   int status = -1;  // exit status, -1 when the program did not exit by itself
@@ -111,6 +126,23 @@ struct LogLine {
   std::string raw;  // the whole line(s) as written
 };
 std::vector<LogLine> parseLog(const std::string& text);
+
+// Creates <configRoot>.<instance>/dbdir.cfg naming dbDir for the scope and
+// removes it again, together with every directory it had to create on the
+// way, also when the test fails.
+class ScopedConfig {
+ public:
+  ScopedConfig(const std::string& configRoot, const std::string& instance, const std::string& dbDir);
+  ~ScopedConfig();
+  ScopedConfig(const ScopedConfig&) = delete;
+  ScopedConfig& operator=(const ScopedConfig&) = delete;
+
+  std::string file() const { return _dir + "/dbdir.cfg"; }
+
+ private:
+  std::string _dir;
+  std::vector<std::string> _created;
+};
 
 // A directory of its own for one run or a few runs of the program: TMPDIR of
 // this process points at it (and so the program's lock file, download and log

@@ -37,38 +37,6 @@ TEST(E2eNotRoot, EndsWithResultOneAndFreesTheLock) {
   EXPECT_TRUE(box.calls().empty());
 }
 
-// Creates <configRoot>.<instance>/dbdir.cfg for the scope and removes it
-// again, together with every directory it had to create on the way, also
-// when the test fails.
-class ScopedConfig {
- public:
-  ScopedConfig(const std::string& configRoot, const std::string& instance, const std::string& dbDir)
-      : _dir(configRoot + "." + instance) {
-    std::vector<boost::filesystem::path> missing;
-    for (boost::filesystem::path p = _dir; !p.empty() && !boost::filesystem::exists(p); p = p.parent_path()) {
-      missing.push_back(p);
-    }
-    for (auto it = missing.rbegin(); it != missing.rend(); ++it) {
-      boost::filesystem::create_directory(*it);
-      _created.push_back(*it);
-    }
-    writeFile(file(), dbDir + "\n");
-  }
-  ~ScopedConfig() {
-    boost::system::error_code ec;
-    boost::filesystem::remove(file(), ec);
-    for (auto it = _created.rbegin(); it != _created.rend(); ++it) boost::filesystem::remove(*it, ec);
-  }
-  ScopedConfig(const ScopedConfig&) = delete;
-  ScopedConfig& operator=(const ScopedConfig&) = delete;
-
-  std::string file() const { return _dir + "/dbdir.cfg"; }
-
- private:
-  std::string _dir;
-  std::vector<boost::filesystem::path> _created;
-};
-
 class E2eDatabaseDirectory : public E2eTest {};
 
 TEST_F(E2eDatabaseDirectory, NamedByTheInstanceConfigurationReceivesTheLog) {

@@ -100,7 +100,7 @@ TestServer::Fault faultNamed(const std::string& name) {
       {"none", TestServer::Fault::None},       {"short-body", TestServer::Fault::ShortBody},
       {"reset", TestServer::Fault::Reset},     {"no-length", TestServer::Fault::NoLength},
       {"chunked", TestServer::Fault::Chunked}, {"drip", TestServer::Fault::Drip},
-      {"endless", TestServer::Fault::Endless}};
+      {"endless", TestServer::Fault::Endless}, {"silent", TestServer::Fault::Silent}};
   const auto it = names.find(name);
   if (it == names.end()) throw std::invalid_argument("TestServer: unknown fault '" + name + "'");
   return it->second;
@@ -490,6 +490,12 @@ bool TestServer::State::respond(Connection& conn, const Request& req, const Resp
     ADD_FAILURE() << "TestServer: cannot read " << r.bodyFile << " for " << req.target;
     return conn.write("HTTP/1.1 500 Internal Server Error\r\nContent-Length: 0\r\n\r\n");
   }
+  if (r.fault == Fault::Silent) {
+    // A peer that accepted and went quiet: only the server's end releases it.
+    while (!pauseOrStop(std::chrono::hours(1))) {
+    }
+    return false;
+  }
   const uint64_t length = body.length();
   const bool ownLength = std::any_of(r.headers.begin(), r.headers.end(),
                                      [](const std::string& h) { return startsWithNoCase(h, "content-length:"); });
@@ -505,6 +511,8 @@ bool TestServer::State::respond(Connection& conn, const Request& req, const Resp
       break;
     case Fault::Chunked:
       out += "Transfer-Encoding: chunked\r\n";
+      break;
+    case Fault::Silent:  // answered above
       break;
     case Fault::NoLength:
     case Fault::Endless:
@@ -554,6 +562,8 @@ bool TestServer::State::respond(Connection& conn, const Request& req, const Resp
       }
       return false;
     }
+    case Fault::Silent:  // answered above
+      return false;
   }
   return false;
 }

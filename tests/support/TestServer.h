@@ -38,6 +38,7 @@ class TestServer {
     Chunked,    // chunked coding in `pieces` chunks, no Content-Length
     Drip,       // announces the length, sends the body in `pieces` writes `pause` apart
     Endless,    // no Content-Length and body bytes until the client goes away
+    Silent,     // reads the request, then answers nothing until the server stops
   };
 
   struct Response {
@@ -86,7 +87,7 @@ class TestServer {
   //                      "cut": 10, "pieces": 4, "pause_ms": 5},
   //               "/b": [ {...}, {...} ]}}
   // Faults: "none", "short-body", "reset", "no-length", "chunked", "drip",
-  // "endless". Throws std::invalid_argument on anything else.
+  // "endless", "silent". Throws std::invalid_argument on anything else.
   void load(const nlohmann::json& scenario);
   // Paths without a route are looked up as files below `root`.
   void serveDirectory(const std::string& root);
