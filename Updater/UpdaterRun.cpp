@@ -6,6 +6,7 @@
 #include <boost/filesystem/operations.hpp>
 #include <boost/filesystem/path.hpp>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <exception>
 #include <map>
@@ -118,14 +119,18 @@ bool Updater::checkLockFile() {
       KXLOG(KXLM_ROOT, KXLL_ERR, "Failed to open lock file");
       return true;
     }
-    char line[256] = {};
-    const bool read = std::fgets(line, sizeof line, f) != nullptr;
+    // The whole first line: a fixed-size read would cut a padded number and
+    // misjudge the lock's age.
+    std::string text;
+    for (int c; (c = std::fgetc(f)) != EOF && c != '\n';) text.push_back(static_cast<char>(c));
     std::fclose(f);
-    std::string text = read ? line : "";
+    text.resize(std::strlen(text.c_str()));  // a NUL ends the number, as it always has
     boost::algorithm::trim(text);
     const long long stored = std::stoll(text, nullptr, 10);
-    const long long age = static_cast<long long>(KXSys::timeMs()) - stored;
-    if (age > kLockLifetimeMs) {
+    // "now - stored > lifetime", turned around: the subtraction overflows for
+    // a stored time far in the past, which is just a stale lock.
+    const long long now = static_cast<long long>(KXSys::timeMs());
+    if (stored < now - kLockLifetimeMs) {
       if (!writeLockFile(lockFilePath)) KXLOG(KXLM_ROOT, KXLL_ERR, "Failed to open lock file");
       return true;
     }

@@ -58,6 +58,16 @@ TEST_F(LockFile, LockOlderThanAnHourIsReplaced) {
   EXPECT_GE(stored(), before);
 }
 
+TEST_F(LockFile, TimeFarInThePastIsStale) {
+  // The age of these does not fit in 64 bits.
+  for (long long stored : {-9223372036854775807LL - 1, -9223372036854775807LL}) {
+    writeLock(stored);
+    const long long before = now();
+    EXPECT_TRUE(up.checkLockFile()) << stored;
+    EXPECT_GE(this->stored(), before);
+  }
+}
+
 TEST_F(LockFile, FutureTimeIsRefused) {
   writeLock(now() + 2 * 3600000LL);
   EXPECT_FALSE(up.checkLockFile());
@@ -67,6 +77,14 @@ TEST_F(LockFile, BlanksAroundTheNumberAreAccepted) {
   writeFile(lock(), "  " + std::to_string(now()) + " \r\n");
   EXPECT_FALSE(up.checkLockFile());
   writeFile(lock(), "\t" + std::to_string(now() - 7200000) + "   ");
+  EXPECT_TRUE(up.checkLockFile());
+}
+
+TEST_F(LockFile, LongFirstLineIsReadWhole) {
+  const std::string padding(300, ' ');
+  writeFile(lock(), padding + std::to_string(now()) + "\n");
+  EXPECT_FALSE(up.checkLockFile());
+  writeFile(lock(), padding + "0" + padding + "\n");
   EXPECT_TRUE(up.checkLockFile());
 }
 
