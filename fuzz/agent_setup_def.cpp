@@ -9,6 +9,7 @@
 #include <cstring>
 #include <string>
 
+#include "FuzzSupport.h"
 #include "KXLog.h"
 #include "Updater.h"
 
@@ -27,11 +28,7 @@ class ErrorCount : public KXLogCb {
   bool wrongText = false;
 };
 
-void require(bool ok, const char* invariant) {
-  if (ok) return;
-  std::fprintf(stderr, "broken invariant: %s\n", invariant);
-  std::abort();
-}
+using fuzz::require;
 
 bool endsWith(const std::string& s, const std::string& tail) {
   return s.size() >= tail.size() && s.compare(s.size() - tail.size(), tail.size(), tail) == 0;

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "FuzzSupport.h"
 #include "KXLog.h"
 #include "utils.h"
 
@@ -35,11 +36,7 @@ class FoundLines : public KXLogCb {
   std::string lastDevice, lastPkgPath;
 };
 
-void require(bool ok, const char* invariant) {
-  if (ok) return;
-  std::fprintf(stderr, "broken invariant: %s\n", invariant);
-  std::abort();
-}
+using fuzz::require;
 
 std::vector<std::string> split(const std::string& text, char sep) {
   std::vector<std::string> parts;

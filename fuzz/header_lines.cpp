@@ -11,16 +11,13 @@
 #include <string>
 #include <vector>
 
+#include "FuzzSupport.h"
 #include "HttpClient.h"
 #include "KXLog.h"
 
 namespace {
 
-void require(bool ok, const char* invariant) {
-  if (ok) return;
-  std::fprintf(stderr, "broken invariant: %s\n", invariant);
-  std::abort();
-}
+using fuzz::require;
 
 using Headers = std::map<std::string, std::string>;
 
@@ -59,11 +56,7 @@ void deliver(const std::string& line, bool bytesAsItems, Headers& headers) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static const bool quiet = [] {
-    KXLog::getLogger()->setLogCb(nullptr);
-    return true;
-  }();
-  (void)quiet;
+  fuzz::silenceLogger();
   if (size < 1) return 0;
 
   const bool bytesAsItems = (data[0] & 1) != 0;

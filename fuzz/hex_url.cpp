@@ -12,6 +12,7 @@
 #include <memory>
 #include <string>
 
+#include "FuzzSupport.h"
 #include "KXException.h"
 #include "KXHash.h"
 #include "KXLog.h"
@@ -19,11 +20,7 @@
 
 namespace {
 
-void require(bool ok, const char* invariant) {
-  if (ok) return;
-  std::fprintf(stderr, "broken invariant: %s\n", invariant);
-  std::abort();
-}
+using fuzz::require;
 
 // Counts the "NET: " lines: each refusal must log exactly one.
 class NetLines : public KXLogCb {

@@ -13,15 +13,12 @@
 #include <iostream>
 #include <string>
 
+#include "FuzzSupport.h"
 #include "KXLog.h"
 
 namespace {
 
-void require(bool ok, const char* invariant) {
-  if (ok) return;
-  std::fprintf(stderr, "broken invariant: %s\n", invariant);
-  std::abort();
-}
+using fuzz::require;
 
 constexpr int kDefault = 2;
 

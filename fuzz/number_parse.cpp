@@ -10,16 +10,13 @@
 #include <cstring>
 #include <string>
 
+#include "FuzzSupport.h"
 #include "KXLog.h"
 #include "KXSys.h"
 
 namespace {
 
-void require(bool ok, const char* invariant) {
-  if (ok) return;
-  std::fprintf(stderr, "broken invariant: %s\n", invariant);
-  std::abort();
-}
+using fuzz::require;
 
 struct Reference {
   bool ok;
@@ -56,11 +53,7 @@ void check(const std::string& s, int base) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static const bool quiet = [] {
-    KXLog::getLogger()->setLogCb(nullptr);
-    return true;
-  }();
-  (void)quiet;
+  fuzz::silenceLogger();
 
   const std::string raw(reinterpret_cast<const char*>(data), size);
   const std::string s(raw.c_str());

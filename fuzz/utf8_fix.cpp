@@ -8,16 +8,13 @@
 #include <cstdlib>
 #include <string>
 
+#include "FuzzSupport.h"
 #include "KXLog.h"
 #include "KXSys.h"
 
 namespace {
 
-void require(bool ok, const char* invariant) {
-  if (ok) return;
-  std::fprintf(stderr, "broken invariant: %s\n", invariant);
-  std::abort();
-}
+using fuzz::require;
 
 bool isNonCharacter(uint32_t cp) { return (cp >= 0xFDD0 && cp <= 0xFDEF) || (cp & 0xFFFE) == 0xFFFE; }
 
@@ -69,11 +66,7 @@ std::string asciiOf(const std::string& s) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static const bool quiet = [] {
-    KXLog::getLogger()->setLogCb(nullptr);
-    return true;
-  }();
-  (void)quiet;
+  fuzz::silenceLogger();
 
   const std::string raw(reinterpret_cast<const char*>(data), size);
   const std::string in(raw.c_str());

@@ -14,16 +14,13 @@
 #include <tuple>
 #include <vector>
 
+#include "FuzzSupport.h"
 #include "KXLog.h"
 #include "Version.h"
 
 namespace {
 
-void require(bool ok, const char* invariant) {
-  if (ok) return;
-  std::fprintf(stderr, "broken invariant: %s\n", invariant);
-  std::abort();
-}
+using fuzz::require;
 
 int sign(int x) { return (x > 0) - (x < 0); }
 
@@ -66,11 +63,7 @@ void checkParse(const std::string& text, const Version& v) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static const bool quiet = [] {
-    KXLog::getLogger()->setLogCb(nullptr);
-    return true;
-  }();
-  (void)quiet;
+  fuzz::silenceLogger();
 
   const std::string input(reinterpret_cast<const char*>(data), size);
   std::vector<std::string> lines;
