@@ -19,10 +19,12 @@ for tool in "$bin/kx_fetch" "$bin/kx_test_server" /usr/bin/time "$(command -v cu
   [[ -x $tool ]] || { echo "http_vs_curl: missing $tool (build first: cmake --build $build)" >&2; exit 1; }
 done
 
+# shellcheck source=scripts/lib/sandbox.sh
+. "$(dirname "$0")/../scripts/lib/sandbox.sh"
+
 work=$(mktemp -d "${TMPDIR:-/tmp}/kx_http_bench.XXXXXX")
-server_pid=
 cleanup() {
-  [[ -n $server_pid ]] && kill "$server_pid" 2>/dev/null && wait "$server_pid" 2>/dev/null
+  kx_stop_server
   rm -rf "$work"
 }
 trap cleanup EXIT
@@ -33,13 +35,8 @@ echo "preparing ${size_mib} MiB and ${small_mib} MiB files in $work"
 head -c $((size_mib << 20)) /dev/urandom >"$work/root/big.bin"
 head -c $((small_mib << 20)) /dev/urandom >"$work/root/small.bin"
 
-"$bin/kx_test_server" --root "$work/root" --port-file "$work/port" >/dev/null &
-server_pid=$!
-while [[ ! -s $work/port ]]; do
-  kill -0 "$server_pid" 2>/dev/null || { echo "http_vs_curl: server did not start" >&2; exit 1; }
-  sleep 0.05
-done
-url=http://127.0.0.1:$(<"$work/port")
+kx_start_server "$bin/kx_test_server" --root "$work/root" || { echo "http_vs_curl: server did not start" >&2; exit 1; }
+url=http://127.0.0.1:$KX_SERVER_PORT
 
 # run <tool> <file>: one fetch into $work/out; prints "<wall s> <cpu s> <peak KiB>".
 run() {

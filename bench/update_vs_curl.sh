@@ -26,19 +26,13 @@ for tool in "$update" "$build/bin/kx_test_server" /usr/bin/time "$(command -v cu
   [[ -x $tool ]] || { echo "update_vs_curl: missing $tool (build first: cmake --build $build)" >&2; exit 1; }
 done
 [[ $(id -u) -eq 0 ]] || { echo "update_vs_curl: run as root (the update program needs it)" >&2; exit 1; }
-case $(uname -m) in
-  x86_64 | amd64) arch_dir=amd64 ;;
-  aarch64 | arm64) arch_dir=aarch64 ;;
-  *) echo "update_vs_curl: no package layout for $(uname -m)" >&2; exit 1 ;;
-esac
+# shellcheck source=scripts/lib/sandbox.sh
+. "$(dirname "$0")/../scripts/lib/sandbox.sh"
+arch_dir=$(kx_arch_dir) || { echo "update_vs_curl: no package layout for $(uname -m)" >&2; exit 1; }
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/kx_update_bench.XXXXXX")
-server_pid=
 cleanup() {
-  if [[ -n $server_pid ]]; then
-    kill "$server_pid" 2>/dev/null || true
-    wait "$server_pid" 2>/dev/null || true
-  fi
+  kx_stop_server
   rm -rf "$work"
 }
 trap cleanup EXIT
@@ -50,16 +44,12 @@ echo "preparing a ${size_mib} MiB package in $work"
 head -c $((size_mib << 20)) /dev/urandom >"$pkg_dir/setup.deb"
 (cd "$pkg_dir" && md5sum setup.deb >setup.deb.md5)
 printf '7.3.0.0\n' >"$pkg_dir/version_long.txt"
-for cmd in systemctl dpkg apt-get rpm dnf; do
-  cp tests/support/shims/shim "$work/bin/$cmd"
-done
+kx_install_shims "$(dirname "$0")/../tests/support/shims/shim" "$work/bin" systemctl dpkg apt-get rpm dnf
 
-coproc SERVER { exec "$build/bin/kx_test_server" --root "$work/root"; }
-# shellcheck disable=SC2153 # set by coproc
-server_pid=$SERVER_PID
-read -r -t 20 port <&"${SERVER[0]}" || { echo "update_vs_curl: server did not start" >&2; exit 1; }
-url=http://127.0.0.1:$port
-hex_url=$(printf %s "$url" | od -An -tx1 -v | tr -d ' \n')
+kx_start_server "$build/bin/kx_test_server" --root "$work/root" ||
+  { echo "update_vs_curl: server did not start" >&2; exit 1; }
+url=http://127.0.0.1:$KX_SERVER_PORT
+hex_url=$(kx_hex "$url")
 
 # One whole update; prints "<wall s> <cpu s> <peak KiB>".
 run_update() {

@@ -9,6 +9,8 @@
 set -euo pipefail
 
 update=$1 server=$2 shim=$3
+# shellcheck source=scripts/lib/sandbox.sh
+. "$(dirname "$0")/../../scripts/lib/sandbox.sh"
 
 skip() {
   echo "SKIPPED: $*"
@@ -16,11 +18,7 @@ skip() {
 }
 command -v valgrind >/dev/null || skip "valgrind is not installed"
 [[ $(id -u) -eq 0 ]] || skip "the update run needs root"
-case "$(uname -m)" in
-  x86_64 | amd64) archdir=amd64 ;;
-  aarch64 | arm64) archdir=aarch64 ;;
-  *) skip "no legacy server layout for $(uname -m)" ;;
-esac
+archdir=$(kx_arch_dir) || skip "no legacy server layout for $(uname -m)"
 # The program picks the package kind by the presence of dpkg.
 if [[ -e /usr/bin/dpkg ]]; then
   package=setup.deb install="dpkg -i"
@@ -29,12 +27,8 @@ else
 fi
 
 work=$(mktemp -d)
-server_pid=
 cleanup() {
-  if [[ -n $server_pid ]]; then
-    kill "$server_pid" 2>/dev/null || true
-    wait "$server_pid" 2>/dev/null || true
-  fi
+  kx_stop_server
   rm -rf "$work"
 }
 trap cleanup EXIT
@@ -46,25 +40,16 @@ printf '7.3.0.0\n' >"$tree/version_long.txt"
 head -c 300000 /dev/urandom >"$tree/$package"
 printf '%s  %s\n' "$(md5sum "$tree/$package" | cut -d' ' -f1)" "$package" >"$tree/$package.md5"
 
-for name in systemctl dpkg rpm apt-get dnf; do
-  cp "$shim" "$work/bin/$name"
-  chmod +x "$work/bin/$name"
-done
+kx_install_shims "$shim" "$work/bin" systemctl dpkg rpm apt-get dnf
 
-# The port is the server's first line of output; reading it through a pipe
-# waits exactly as long as the server needs.
-mkfifo "$work/server.out"
-"$server" --root "$work/server" --port-file "$work/port" >"$work/server.out" 2>"$work/server.err" &
-server_pid=$!
-exec 3<"$work/server.out"
-if ! read -r -t 20 port <&3; then
+if ! kx_start_server "$server" --root "$work/server" 2>"$work/server.err"; then
   cat "$work/server.err" >&2
   echo "FAIL: the test server did not start" >&2
   exit 1
 fi
 
-url="http://127.0.0.1:$port"
-hex=$(printf '%s' "$url" | od -An -tx1 -v | tr -d ' \n')
+url="http://127.0.0.1:$KX_SERVER_PORT"
+hex=$(kx_hex "$url")
 
 status=0
 env PATH="$work/bin:$PATH" TMPDIR="$work/tmp" KX_AGENT_INSTANCE="kx_valgrind_$$_$RANDOM" \
