@@ -5,7 +5,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "E2eHarness.h"
@@ -93,9 +95,17 @@ TEST(E2eHarness, AHangingProgramIsKilledWithItsChildren) {
   EXPECT_EQ(r.signal, 9);
   const std::string child = r.out.substr(0, r.out.find('\n'));
   ASSERT_FALSE(child.empty());
-  const std::string state = readFile("/proc/" + child + "/stat");
-  // Gone, or a zombie waiting for init.
-  EXPECT_TRUE(state.empty() || state.find(") Z ") != std::string::npos) << state;
+  // Gone, or a zombie waiting for init. SIGKILL reaches the group at once but
+  // takes effect asynchronously, so the child may still show as running for
+  // a moment after the run returned.
+  const auto dead = [](const std::string& state) { return state.empty() || state.find(") Z ") != std::string::npos; };
+  std::string state = readFile("/proc/" + child + "/stat");
+  const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (!dead(state) && std::chrono::steady_clock::now() < giveUp) {
+    std::this_thread::yield();
+    state = readFile("/proc/" + child + "/stat");
+  }
+  EXPECT_TRUE(dead(state)) << state;
 }
 
 TEST(E2eHarness, ParsesTheLogLayout) {
