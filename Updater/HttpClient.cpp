@@ -10,19 +10,28 @@
 #include <curl/curl.h>
 
 #include "KXLog.h"
+#include "osal_file.h"
+#include "utils.h"
 
 namespace {
 
-// "wb", except that a link in place of the file is not followed: the file
-// usually lands in a shared temporary directory, and the program runs as
-// root.
+// "wb", but the file usually lands in a shared temporary directory and the
+// program runs as root: a link or a hard link planted there is never written
+// through (osal_openOwned).
 FILE* openForDownload(const std::string& path) {
-  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
-  if (fd < 0) return nullptr;
+  int fd = -1;
+  if (osal_openOwned(path.c_str(), O_TRUNC, &fd) != 0) return nullptr;
   FILE* file = fdopen(fd, "wb");
   if (file == nullptr) close(fd);
   return file;
 }
+
+// Where a download writes: the file, and how much more it may take.
+struct DownloadTarget {
+  FILE* file;
+  uint64_t room;
+  bool overflowed = false;
+};
 
 // Kept as the program has always written them, misspelling and double blanks
 // included: existing log searches look for these exact texts.
@@ -36,6 +45,20 @@ constexpr long kDownloadBufferSize = 256L * 1024;
 int xferInfoAdapter(void* clientp, curl_off_t dltotal, curl_off_t dlnow, curl_off_t ultotal, curl_off_t ulnow) {
   return HttpClient::progressCb(clientp, static_cast<long>(dltotal), static_cast<long>(dlnow),
                                 static_cast<long>(ultotal), static_cast<long>(ulnow));
+}
+
+// readFileResponseCb within the room the download has left.
+size_t writeLimited(void* data, size_t size, size_t nmemb, void* userp) {
+  auto& target = *static_cast<DownloadTarget*>(userp);
+  const size_t n = size * nmemb;
+  if (n <= target.room) {
+    target.room -= n;
+    return HttpClient::readFileResponseCb(data, size, nmemb, target.file);
+  }
+  std::fwrite(data, 1, static_cast<size_t>(target.room), target.file);
+  target.room = 0;
+  target.overflowed = true;
+  return 0;
 }
 
 // Header lines arrive with their CR LF and whatever padding the server chose.
@@ -53,8 +76,9 @@ std::string trimmed(const std::string& text) {
 // so that the caller finds it complete on disk whatever the outcome.
 int finishRequest(CURL* handle, CURLcode rc, const std::string& url, const char* statusFailure, FILE* file) {
   if (rc != CURLE_OK) {
-    KXLOG(KXLM_ROOT, KXLL_ERR,
-          "Request " << url << " failed : [" << static_cast<int>(rc) << "] -> " << curl_easy_strerror(rc));
+    KXLOG(
+        KXLM_ROOT, KXLL_ERR,
+        "Request " << utils::logUrl(url) << " failed : [" << static_cast<int>(rc) << "] -> " << curl_easy_strerror(rc));
     if (file != nullptr) std::fclose(file);
     return -1;
   }
@@ -67,7 +91,7 @@ int finishRequest(CURL* handle, CURLcode rc, const std::string& url, const char*
   }
   if (file != nullptr) std::fclose(file);
   if (status == 200) return 0;
-  KXLOG(KXLM_ROOT, KXLL_ERR, "Request " << url << " failed : [" << status << "]");
+  KXLOG(KXLM_ROOT, KXLL_ERR, "Request " << utils::logUrl(url) << " failed : [" << status << "]");
   return static_cast<int>(status);
 }
 
@@ -137,16 +161,20 @@ int HttpClient::head(const std::string& url, std::map<std::string, std::string>&
   return finishRequest(handle, curl_easy_perform(handle), url, kHeadStatusFailure, nullptr);
 }
 
-int HttpClient::download(const std::string& url, const std::string& path, std::map<std::string, std::string>& headers) {
+int HttpClient::download(const std::string& url, const std::string& path, std::map<std::string, std::string>& headers,
+                         uint64_t limit) {
   if (!init()) return -1;
   headers.clear();
   curl_easy_setopt(handle, CURLOPT_URL, (config + url).c_str());
   FILE* file = openForDownload(path);
   if (file == nullptr) return -1;
   int lastPercent = 0;
+  // One byte past the limit is kept, so that the file is of the wrong size
+  // rather than a plausible prefix of something longer.
+  DownloadTarget target{file, limit == kNoLimit ? kNoLimit : limit + 1};
   curl_easy_setopt(handle, CURLOPT_NOBODY, 0L);
-  curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, &HttpClient::readFileResponseCb);
-  curl_easy_setopt(handle, CURLOPT_WRITEDATA, file);
+  curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, &writeLimited);
+  curl_easy_setopt(handle, CURLOPT_WRITEDATA, &target);
   curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, &HttpClient::readHeadersCb);
   curl_easy_setopt(handle, CURLOPT_HEADERDATA, &headers);
   curl_easy_setopt(handle, CURLOPT_NOPROGRESS, 0L);
@@ -159,17 +187,26 @@ int HttpClient::download(const std::string& url, const std::string& path, std::m
   // Progress comes at most once per read, so on a fast link a file of a few
   // megabytes may step over a ten; real links deliver far smaller reads.
   curl_easy_setopt(handle, CURLOPT_BUFFERSIZE, kDownloadBufferSize);
-  const CURLcode rc = curl_easy_perform(handle);
+  CURLcode rc = curl_easy_perform(handle);
   // The counter lives in this frame; a later get or head on the same handle
   // must not report progress into it.
   curl_easy_setopt(handle, CURLOPT_NOPROGRESS, 1L);
   curl_easy_setopt(handle, CURLOPT_XFERINFODATA, nullptr);
+  // A body that runs past what the server announced is cut rather than
+  // allowed to fill the disk; what was kept is a complete (if wrong-sized)
+  // download for the caller's size check.
+  if (rc == CURLE_WRITE_ERROR && target.overflowed) rc = CURLE_OK;
   return finishRequest(handle, rc, url, kGetStatusFailure, file);
 }
 
 size_t HttpClient::readResponsCb(void* data, size_t size, size_t nmemb, void* userp) {
-  static_cast<std::string*>(userp)->append(static_cast<const char*>(data), size * nmemb);
-  return size * nmemb;
+  auto& body = *static_cast<std::string*>(userp);
+  const size_t n = size * nmemb;
+  // Version, sum and definition files are a few hundred bytes; a server that
+  // sends more is not one to trust with memory.
+  if (body.size() + n > kMaxTextBody) return 0;
+  body.append(static_cast<const char*>(data), n);
+  return n;
 }
 
 size_t HttpClient::readFileResponseCb(void* data, size_t size, size_t nmemb, void* userp) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <map>
 #include <string>
 
@@ -39,10 +40,20 @@ class HttpClient {
   int head(const std::string& url, std::map<std::string, std::string>& headers);
   // Body into the file at `path` (created or truncated), logging progress in
   // steps of ten percent. The file is never removed, even after a failure.
-  int download(const std::string& url, const std::string& path, std::map<std::string, std::string>& headers);
+  // A link or hard link at `path`, or a file of another user, is replaced,
+  // never written through. With a limit, writing stops one byte past it and
+  // the transfer ends there as if complete, so that an endless body cannot
+  // fill the disk and the caller's size check sees the difference.
+  static constexpr uint64_t kNoLimit = ~uint64_t{0};
+  int download(const std::string& url, const std::string& path, std::map<std::string, std::string>& headers,
+               uint64_t limit = kNoLimit);
+
+  // Largest body get() keeps; a longer one fails the request (-1).
+  static constexpr size_t kMaxTextBody = 4 * 1024 * 1024;
 
   // libcurl callbacks, public so that their rules can be exercised directly.
-  // Appends to the std::string at userp.
+  // Appends to the std::string at userp; refuses (returns 0) what would take
+  // it past kMaxTextBody.
   static size_t readResponsCb(void* data, size_t size, size_t nmemb, void* userp);
   // Writes to the FILE* at userp; a short write makes libcurl abort.
   static size_t readFileResponseCb(void* data, size_t size, size_t nmemb, void* userp);

@@ -44,6 +44,10 @@ class Updater {
   // time. False while another run's lock is fresh or unreadable.
   bool checkLockFile();
   void removeLockFile();
+  // The time a lock file's content holds: its first line, cut at a NUL and
+  // trimmed, as a base-10 count of milliseconds. Throws as std::stoll does,
+  // and std::length_error for a first line of more than 4096 bytes.
+  static long long lockTime(const std::string& content);
 
   // Stops the agent, installs the package (unless restartOnly), detaches a
   // disk image and starts the agent again on every path. Failures are logged

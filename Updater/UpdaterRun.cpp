@@ -1,27 +1,35 @@
 // The update run: lock, version check, verified download, installation.
 #include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <boost/algorithm/string/trim.hpp>
 #include <boost/filesystem/operations.hpp>
 #include <boost/filesystem/path.hpp>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <exception>
 #include <map>
+#include <stdexcept>
 #include <string>
 
 #include "KXLog.h"
 #include "KXSys.h"
 #include "Updater.h"
 #include "Version.h"
+#include "osal_file.h"
 #include "osal_sysinfo.h"
 
 namespace {
 
 constexpr int kDownloadAttempts = 3;
 constexpr long long kLockLifetimeMs = 3600000;
+// A lock file holds thirteen digits; anything near this long was not written
+// by a run of ours.
+constexpr size_t kLockLineMax = 4096;
 const char* const kLockFileName = "upgrade_ovk.lock";
 
 // The last version without the display libraries; upgrades across it need
@@ -73,25 +81,69 @@ const char* const kDnfXcbLine =
     "\t\t\tlibSM "
     "\t\t\tlibICE";
 
-// The lock file lives in a shared temporary directory and the program runs
-// as root: never follow a link planted in its place.
-FILE* openLockFile(const std::string& path, bool forWriting) {
-  const int flags = forWriting ? O_WRONLY | O_CREAT | O_TRUNC : O_RDONLY;
-  const int fd = open(path.c_str(), flags | O_NOFOLLOW | O_CLOEXEC, 0644);
-  if (fd < 0) return nullptr;
-  FILE* f = fdopen(fd, forWriting ? "w" : "r");
-  if (f == nullptr) close(fd);
-  return f;
+// Writes the current time; false when the file cannot be opened. A hard
+// link, a link or another user's file in the lock's place is replaced, never
+// written through.
+bool writeTime(int fd) {
+  const std::string text = std::to_string(KXSys::timeMs()) + "\n";
+  const bool written = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+  close(fd);
+  return written;
 }
 
-// Writes the current time; false when the file cannot be opened.
 bool writeLockFile(const std::string& path) {
-  FILE* f = openLockFile(path, true);
-  if (f == nullptr) return false;
-  std::fprintf(f, "%llu\n", KXSys::timeMs());
-  std::fclose(f);
-  return true;
+  int fd = -1;
+  return osal_openOwned(path.c_str(), O_TRUNC, &fd) == 0 && writeTime(fd);
 }
+
+// Up to kLockLineMax + 1 bytes of the first line: enough to tell a line that
+// is too long, without reading a huge planted file whole. A directory reads
+// as empty.
+std::string readFirstLine(int fd) {
+  std::string text(kLockLineMax + 1, '\0');
+  size_t got = 0;
+  while (got < text.size()) {
+    const ssize_t n = read(fd, &text[got], text.size() - got);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    const size_t end = got + static_cast<size_t>(n);
+    if (std::memchr(&text[got], '\n', static_cast<size_t>(n)) != nullptr) {
+      got = end;
+      break;
+    }
+    got = end;
+  }
+  text.resize(got);
+  return text;
+}
+
+// While the agent is stopped, SIGTERM, SIGINT and SIGQUIT are only noted:
+// whoever sent one still gets the process ended, but after the start
+// command has run, never with the agent left down. Handled rather than
+// blocked, so that the commands themselves start with default handling.
+volatile sig_atomic_t g_heldSignal = 0;
+extern "C" void holdSignal(int sig) { g_heldSignal = sig; }
+
+class TerminationHeldBack {
+ public:
+  TerminationHeldBack() {
+    struct sigaction hold {};
+    hold.sa_handler = holdSignal;
+    sigemptyset(&hold.sa_mask);
+    for (size_t i = 0; i < kCount; ++i) sigaction(kSignals[i], &hold, &_previous[i]);
+  }
+  ~TerminationHeldBack() {
+    for (size_t i = 0; i < kCount; ++i) sigaction(kSignals[i], &_previous[i], nullptr);
+    if (g_heldSignal != 0) raise(g_heldSignal);
+  }
+  TerminationHeldBack(const TerminationHeldBack&) = delete;
+  TerminationHeldBack& operator=(const TerminationHeldBack&) = delete;
+
+ private:
+  static constexpr size_t kCount = 3;
+  static constexpr int kSignals[kCount] = {SIGTERM, SIGINT, SIGQUIT};
+  struct sigaction _previous[kCount] {};
+};
 
 std::string localDate(long long ms) {
   const std::time_t seconds = static_cast<std::time_t>(ms / 1000);
@@ -105,28 +157,59 @@ std::string localDate(long long ms) {
 
 // ---- instance lock ------------------------------------------------------------
 
+long long Updater::lockTime(const std::string& content) {
+  std::string text = content.substr(0, content.find('\n'));
+  if (text.size() > kLockLineMax) throw std::length_error("lock file line too long");
+  text.resize(std::strlen(text.c_str()));  // a NUL ends the number, as it always has
+  boost::algorithm::trim(text);
+  return std::stoll(text, nullptr, 10);
+}
+
 bool Updater::checkLockFile() {
   try {
-    lockFilePath = (boost::filesystem::temp_directory_path() / kLockFileName).string();
-    if (!boost::filesystem::exists(boost::filesystem::symlink_status(lockFilePath))) {
-      KXLOG(KXLM_ROOT, KXLL_NFY, "Lock file is [" << lockFilePath << "]");
-      if (!writeLockFile(lockFilePath)) KXLOG(KXLM_ROOT, KXLL_ERR, "Failed to open lock file");
-      return true;
-    }
+    const std::string dir = boost::filesystem::temp_directory_path().string();
+    lockFilePath = (boost::filesystem::path(dir) / kLockFileName).string();
     KXLOG(KXLM_ROOT, KXLL_NFY, "Lock file is [" << lockFilePath << "]");
-    FILE* f = openLockFile(lockFilePath, false);
-    if (f == nullptr) {
+    // In a directory where others could swap the file, there is no lock to
+    // trust; the run itself stops at the same check.
+    if (!utils::tempDirProblem(dir).empty()) {
       KXLOG(KXLM_ROOT, KXLL_ERR, "Failed to open lock file");
       return true;
     }
-    // The whole first line: a fixed-size read would cut a padded number and
-    // misjudge the lock's age.
-    std::string text;
-    for (int c; (c = std::fgetc(f)) != EOF && c != '\n';) text.push_back(static_cast<char>(c));
-    std::fclose(f);
-    text.resize(std::strlen(text.c_str()));  // a NUL ends the number, as it always has
-    boost::algorithm::trim(text);
-    const long long stored = std::stoll(text, nullptr, 10);
+    const char* path = lockFilePath.c_str();
+    // Creating it exclusively is the check that no other run holds it.
+    int fd = open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
+    if (fd >= 0) {
+      if (!writeTime(fd)) KXLOG(KXLM_ROOT, KXLL_ERR, "Failed to open lock file");
+      return true;
+    }
+    if (errno != EEXIST) {
+      KXLOG(KXLM_ROOT, KXLL_ERR, "Failed to open lock file");
+      return true;
+    }
+    // Never blocks (a FIFO) and never follows a link.
+    fd = open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    struct stat st {};
+    if ((fd >= 0 ? fstat(fd, &st) : lstat(path, &st)) != 0) {
+      if (fd >= 0) close(fd);
+      KXLOG(KXLM_ROOT, KXLL_ERR, "Failed to open lock file");
+      return true;
+    }
+    if (!S_ISREG(st.st_mode) && !S_ISDIR(st.st_mode)) {
+      // A link, FIFO or socket is no lock any run of ours wrote: it would
+      // only switch the one-run-at-a-time guard off. Ours takes its place.
+      if (fd >= 0) close(fd);
+      KXLOG(KXLM_ROOT, KXLL_WRN, "Lock file is not a regular file - replaced");
+      if (!writeLockFile(lockFilePath)) KXLOG(KXLM_ROOT, KXLL_ERR, "Failed to open lock file");
+      return true;
+    }
+    if (fd < 0) {
+      KXLOG(KXLM_ROOT, KXLL_ERR, "Failed to open lock file");
+      return true;
+    }
+    const std::string content = readFirstLine(fd);
+    close(fd);
+    const long long stored = lockTime(content);
     // "now - stored > lifetime", turned around: the subtraction overflows for
     // a stored time far in the past, which is just a stale lock.
     const long long now = static_cast<long long>(KXSys::timeMs());
@@ -155,7 +238,7 @@ void Updater::removeLockFile() {
 int Updater::checkAndUpdate(const std::string& url, const std::string& version) {
   KXLOG(KXLM_ROOT, KXLL_NFY, "Check Update");
   KXLOG(KXLM_ROOT, KXLL_NFY, "Current version : " << version);
-  KXLOG(KXLM_ROOT, KXLL_NFY, "Udpate server : " << url);
+  KXLOG(KXLM_ROOT, KXLL_NFY, "Udpate server : " << utils::logUrl(url));
   if (!checkLockFile()) return 0;
   const int result = doCheckAndUpdate(url, version);
   // Only a failure that a retry may cure (no root, server unreachable)
@@ -217,10 +300,10 @@ int Updater::doCheckAndUpdate(const std::string& url, const std::string& version
     utils::SetuParameter p = getAgentSetup();
     if (emulated) p.installCmd = "arch -arch arm64 " + p.installCmd;
 
-    KXLOG(KXLM_ROOT, KXLL_NFY, "version url = " << p.versionUrl);
-    KXLOG(KXLM_ROOT, KXLL_NFY, "setup url   = " << p.setupUrl);
+    KXLOG(KXLM_ROOT, KXLL_NFY, "version url = " << utils::logUrl(p.versionUrl));
+    KXLOG(KXLM_ROOT, KXLL_NFY, "setup url   = " << utils::logUrl(p.setupUrl));
     KXLOG(KXLM_ROOT, KXLL_NFY, "setup path  = " << p.setupPath);
-    KXLOG(KXLM_ROOT, KXLL_NFY, "hash url    = " << p.hashUrl);
+    KXLOG(KXLM_ROOT, KXLL_NFY, "hash url    = " << utils::logUrl(p.hashUrl));
     KXLOG(KXLM_ROOT, KXLL_NFY, "star cmd    = " << p.startCmd);
     KXLOG(KXLM_ROOT, KXLL_NFY, "stop cmd    = " << p.stopCmd);
     KXLOG(KXLM_ROOT, KXLL_NFY, "install cmd = " << p.installCmd);
@@ -238,7 +321,7 @@ int Updater::doCheckAndUpdate(const std::string& url, const std::string& version
     }
     const Version available = Version::parse(versionText);
     if (available.isInvalid()) {
-      KXLOG(KXLM_ROOT, KXLL_ERR, "Invalid version_long.txt " << versionText);
+      KXLOG(KXLM_ROOT, KXLL_ERR, "Invalid version_long.txt " << utils::logText(versionText));
       return 5;
     }
     KXLOG(KXLM_ROOT, KXLL_NFY, "Available version is " << available);
@@ -257,7 +340,7 @@ int Updater::doCheckAndUpdate(const std::string& url, const std::string& version
       const size_t blank = hashBody.find(' ');
       if (blank != std::string::npos) {
         expectedMd5 = hashBody.substr(0, blank);
-        KXLOG(KXLM_ROOT, KXLL_NFY, "Downloaded md5 is " << expectedMd5);
+        KXLOG(KXLM_ROOT, KXLL_NFY, "Downloaded md5 is " << utils::logText(expectedMd5));
       }
     } else {
       KXLOG(KXLM_ROOT, KXLL_ERR, "No file signature available (skip verification): [" << hc << "]");
@@ -269,19 +352,19 @@ int Updater::doCheckAndUpdate(const std::string& url, const std::string& version
     } else {
       const int c = httpClient.head(p.setupUrl, headers);
       if (c != 0) {
-        KXLOG(KXLM_ROOT, KXLL_ERR, "Fail to get HEAD for " << p.setupUrl << ": [" << c << " ]");
+        KXLOG(KXLM_ROOT, KXLL_ERR, "Fail to get HEAD for " << utils::logUrl(p.setupUrl) << ": [" << c << " ]");
         return 2;
       }
       if (utils::getContentLength(headers, expectedSize) != 0) {
         KXLOG(KXLM_ROOT, KXLL_ERR, "Fail to determine file size");
         return 7;
       }
-      KXLOG(KXLM_ROOT, KXLL_NFY, "File size for " << p.setupUrl << " is " << expectedSize << " bytes");
+      KXLOG(KXLM_ROOT, KXLL_NFY, "File size for " << utils::logUrl(p.setupUrl) << " is " << expectedSize << " bytes");
     }
 
     enum class Outcome { NotTried, WrongSize, WrongHash, Accepted } outcome = Outcome::NotTried;
     for (int attempt = 0; attempt < kDownloadAttempts && outcome != Outcome::Accepted; ++attempt) {
-      const int c = httpClient.download(p.setupUrl, p.setupPath, headers);
+      const int c = httpClient.download(p.setupUrl, p.setupPath, headers, expectedSize);
       if (c != 0) {
         KXLOG(KXLM_ROOT, KXLL_ERR, "'Fail to download setup file: [" << c << "]");
         return 2;
@@ -305,7 +388,8 @@ int Updater::doCheckAndUpdate(const std::string& url, const std::string& version
         outcome = Outcome::Accepted;
       } else {
         KXLOG(KXLM_ROOT, KXLL_WRN,
-              "Re-download setup file because current one has a wrong hash: " << computed << " vs " << expectedMd5);
+              "Re-download setup file because current one has a wrong hash: " << computed << " vs "
+                                                                              << utils::logText(expectedMd5));
         std::remove(p.setupPath.c_str());
         outcome = Outcome::WrongHash;
       }
@@ -337,7 +421,7 @@ int Updater::doCheckAndUpdate(const std::string& url, const std::string& version
     KXLOG(KXLM_ROOT, KXLL_NFY, "Agent Update done");
     return 0;
   } catch (const std::exception& e) {
-    KXLOG(KXLM_ROOT, KXLL_ERR, "Exception : " << e.what());
+    KXLOG(KXLM_ROOT, KXLL_ERR, "Exception : " << utils::logText(e.what()));
     return 11;
   }
 }
@@ -345,8 +429,9 @@ int Updater::doCheckAndUpdate(const std::string& url, const std::string& version
 // ---- service control ------------------------------------------------------------
 
 void Updater::installAgent(const utils::SetuParameter& p, const Version& current, const Version& available) {
+  const TerminationHeldBack held;
   KXLOG(KXLM_ROOT, KXLL_NFY, "Agent Stopping ....");
-  const int stopped = std::system(p.stopCmd.c_str());
+  const int stopped = utils::runShell(p.stopCmd);
   if (stopped == 0) {
     KXLOG(KXLM_ROOT, KXLL_NFY, "Agent Stopped");
   } else {
@@ -356,7 +441,7 @@ void Updater::installAgent(const utils::SetuParameter& p, const Version& current
   if (!restartOnly) {
     KXLOG(KXLM_ROOT, KXLL_NFY, "Upgrading agent ...'");
     if (os == utils::Linux && current <= kXcbVersion && kXcbVersion <= available) installXCBDeps();
-    const int installed = std::system(p.installCmd.c_str());
+    const int installed = utils::runShell(p.installCmd);
     if (installed == 0) {
       KXLOG(KXLM_ROOT, KXLL_NFY, "Agent Installed");
     } else {
@@ -367,7 +452,7 @@ void Updater::installAgent(const utils::SetuParameter& p, const Version& current
   if (os == utils::Macosx && distrib == utils::Dmg) utils::unmount(p.mountedDevice);
 
   // Reached on every path that stopped the agent: it must never stay down.
-  const int started = std::system(p.startCmd.c_str());
+  const int started = utils::runShell(p.startCmd);
   if (started == 0) {
     KXLOG(KXLM_ROOT, KXLL_NFY, "Agent Started");
   } else {
@@ -381,9 +466,9 @@ const char* Updater::dnfXcbLine() { return kDnfXcbLine; }
 void Updater::installXCBDeps() {
   KXLOG(KXLM_ROOT, KXLL_NFY, "installXCBDeps ...");
   const char* line = nullptr;
-  if (distrib == utils::Deb && std::system("dpkg -S libX11 > /dev/null 2>&1") == 0) {
+  if (distrib == utils::Deb && utils::runShell("dpkg -S libX11 > /dev/null 2>&1") == 0) {
     line = kAptXcbLine;
-  } else if (distrib == utils::Rpm && std::system("rpm -q libX11 > /dev/null 2>&1") == 0) {
+  } else if (distrib == utils::Rpm && utils::runShell("rpm -q libX11 > /dev/null 2>&1") == 0) {
     line = kDnfXcbLine;
   }
   if (line == nullptr) {
@@ -391,6 +476,6 @@ void Updater::installXCBDeps() {
     return;
   }
   KXLOG(KXLM_ROOT, KXLL_NFY, "Found x11");
-  const int r = std::system(line);
+  const int r = utils::runShell(line);
   KXLOG(KXLM_ROOT, KXLL_NFY, "Install xcb dependencies" << r);
 }

@@ -15,13 +15,6 @@ bool endsWith(const std::string& s, const char* suffix) {
   return s.size() >= tail.size() && s.compare(s.size() - tail.size(), tail.size(), tail) == 0;
 }
 
-// The package is downloaded, as root, to the temporary directory joined with
-// the name the server gives: a name that is a path ("../x", "a/b", "/x")
-// would put it elsewhere.
-bool isPlainFileName(const std::string& name) {
-  return !name.empty() && name != "." && name != ".." && name.find_first_of("/\\") == std::string::npos;
-}
-
 std::string joinPath(const std::string& dir, const std::string& name) {
   return (boost::filesystem::path(dir) / name).string();
 }
@@ -89,7 +82,13 @@ utils::SetuParameter Updater::getAgentSetup() {
     const utils::AgentSetupDef def = parseAgentSetupCfg(body);
     // Once the server publishes a definition file it is authoritative: no
     // silent fall back to guessed layouts.
-    if (!isPlainFileName(def.setup)) throw std::runtime_error("Fail to parse agent_setup_def file");
+    // The name the server gives is joined to the temporary directory and put
+    // into the install command line: a path ("../x") would land elsewhere, a
+    // blank or a shell character would run as root.
+    if (!utils::isPlainName(def.setup)) {
+      if (!def.setup.empty()) KXLOG(KXLM_ROOT, KXLL_ERR, "Refused setup name " << utils::logText(def.setup));
+      throw std::runtime_error("Fail to parse agent_setup_def file");
+    }
     KXLOG(KXLM_ROOT, KXLL_DBG, "Use agent setup definition file");
     const std::string base = serverUrl + def.path + "/";
     p.setupName = def.setup;
@@ -136,7 +135,7 @@ utils::AgentSetupDef Updater::parseAgentSetupCfg(const std::string& body) {
       if (fits) return def;
     }
   } catch (const std::exception& e) {
-    KXLOG(KXLM_ROOT, KXLL_ERR, "Parsing error : " << e.what());
+    KXLOG(KXLM_ROOT, KXLL_ERR, "Parsing error : " << utils::logText(e.what()));
   }
   return emptySetupCfg();
 }

@@ -3,6 +3,7 @@
 #include <cctype>
 #include <climits>
 #include <sstream>
+#include <string>
 
 namespace {
 
@@ -50,7 +51,11 @@ int Version::compare(const Version& other) const {
   return 0;
 }
 
-void Version::print(std::ostringstream& os) const { os << major << '.' << minor << '.' << third << '.' << fourth; }
+// Decimal whatever base the log stream was left in by earlier pieces.
+void Version::print(std::ostringstream& os) const {
+  os << std::to_string(major) << '.' << std::to_string(minor) << '.' << std::to_string(third) << '.'
+     << std::to_string(fourth);
+}
 
 std::string Version::toString() const {
   std::ostringstream os;

@@ -1,8 +1,11 @@
 // update [-D|-S] <hex url> <version>: one update run of the agent.
+#include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <boost/filesystem/operations.hpp>
 #include <boost/filesystem/path.hpp>
+#include <cctype>
 #include <cstdio>
 #include <cstring>
 #include <exception>
@@ -26,29 +29,44 @@ namespace {
 
 const char* const kLogFileName = "agent_upd.log";
 
-std::string logDirectory() {
+// The instance name becomes part of a directory path read as root: only a
+// plain name, never one that climbs out of the configuration root.
+bool isInstanceName(const char* name) {
+  for (const char* c = name; *c != '\0'; ++c) {
+    if (std::isalnum(static_cast<unsigned char>(*c)) == 0 && std::strchr("-_.", *c) == nullptr) return false;
+  }
+  return std::strstr(name, "..") == nullptr;
+}
+
+std::string logDirectory(std::string& ignoredInstance) {
   char instance[1024] = {};
   if (osal_getEnv("KX_AGENT_INSTANCE", instance, sizeof instance) != 0) instance[0] = '\0';
+  if (!isInstanceName(instance)) {
+    ignoredInstance = instance;
+    instance[0] = '\0';
+  }
   char confDir[1056] = {};
   std::snprintf(confDir, sizeof confDir, "%s%s%s", utils::configRoot(), instance[0] != '\0' ? "." : "", instance);
   char confFile[2048] = {};
   std::snprintf(confFile, sizeof confFile, "%s%s", confDir, "/dbdir.cfg");
   char dbDir[1024] = {};
-  osal_getconfstr(confFile, dbDir, sizeof dbDir);
+  if (osal_getconfstr(confFile, dbDir, sizeof dbDir) != 0) dbDir[0] = '\0';
   if (dbDir[0] != '\0') {
     std::string dir = (boost::filesystem::path(dbDir) / "UpdLogs").string();
     osal_mkdir(dir.c_str(), nullptr, false);
     return dir;
   }
   boost::system::error_code ec;
-  return boost::filesystem::temp_directory_path(ec).string();
+  std::string dir = boost::filesystem::temp_directory_path(ec).string();
+  // No log file rather than one that another user could swap.
+  return utils::tempDirProblem(dir).empty() ? dir : std::string();
 }
 
 // An empty directory (no usable temporary directory) leaves the sink without
 // a file rather than writing into whatever the working directory is; the
 // echo still works.
-std::string logFilePath() {
-  const std::string dir = logDirectory();
+std::string logFilePath(std::string& ignoredInstance) {
+  const std::string dir = logDirectory(ignoredInstance);
   return dir.empty() ? std::string() : (boost::filesystem::path(dir) / kLogFileName).string();
 }
 
@@ -56,8 +74,13 @@ void init_logging(bool echo) {
   KXLog* log = KXLog::getLogger();
   if (log == nullptr) return;
   log->setLevels("ROOT:5;");
-  g_KXLogCb = new FileKXLogCb(logFilePath(), echo);
+  std::string ignoredInstance;
+  g_KXLogCb = new FileKXLogCb(logFilePath(ignoredInstance), echo);
   log->setLogCb(g_KXLogCb);
+  if (!ignoredInstance.empty()) {
+    KXLOG(KXLM_ROOT, KXLL_WRN,
+          "Ignored KX_AGENT_INSTANCE that is not a plain name: " << utils::logText(ignoredInstance));
+  }
 }
 
 // Nothing may log into the sink once it is gone.
@@ -71,6 +94,13 @@ void closeLogging() {
 
 int main(int argc, char** argv) {
   setpgrp();
+  // A terminal that went away (a dropped SSH session, "| head" on -D) must
+  // not end a run half-way; the commands we start get default handling back.
+  signal(SIGPIPE, SIG_IGN);
+  signal(SIGHUP, SIG_IGN);
+  // Whatever the caller's umask, nothing we create (log directory, log, lock,
+  // package) is writable by group or others.
+  umask(umask(0) | 022);
   if (argc != 3 && argc != 4) {
     std::cout << "Usage : " << std::endl << "update [-D] <url> <version>" << std::endl;
     return 1;

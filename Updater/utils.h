@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -87,8 +88,9 @@ const char* agentDistribToString(AgentDistrib d);
 const char* agentOSToString(int os);
 bool isDebian();
 bool isSyno();
-// The system temporary directory (honours TMPDIR); empty, after logging, when
-// it cannot be determined.
+// The system temporary directory (honours TMPDIR); empty, after logging
+// "getTempDir Error: " and why, when it cannot be determined or is not safe
+// (tempDirProblem).
 std::string getTempDir();
 // Hex text, two digits per byte, to the text it encodes; stops at the first
 // NUL byte. Input beyond 8192 digits is ignored; 4096 decoded bytes or more
@@ -102,10 +104,44 @@ std::string computeMD5(const std::string& path);
 // The version inside a setup file cannot be read: always -1.-1.-1.-1.
 Version getSetupVersion(const std::string& path);
 
+// Server text made fit for one log line: at most kLogTextMax bytes of it
+// (then "..."), with control characters escaped (\n, \r, \t, \xHH), so that
+// one line can neither outgrow the log nor be split into forged lines.
+constexpr size_t kLogTextMax = 1024;
+std::string logText(const std::string& text);
+// logText of a URL, with a user name and password in it replaced by "***".
+std::string logUrl(const std::string& url);
+
+// True for a name the shell reads as one plain word with nothing to expand:
+// not empty, only letters, digits and . _ + - @ % , : = (no blank, no
+// separator, no quote). Names from the server must pass before they reach a
+// command line.
+bool isPlainName(const std::string& name);
+
+// Why dir is no place for the files of a run as root, or "" when it is fine.
+// Refused: not a directory; owned by a user other than root and us; group- or
+// world-writable without the sticky bit (anyone could swap our files); a
+// path the shell would not read as one plain word.
+std::string tempDirProblem(const std::string& dir);
+
+// Runs cmd through /bin/sh and returns the raw wait status, as system() does,
+// but the command starts clean: /dev/null as standard input (nothing can
+// wait for an answer from a terminal), default signal handling, and none of
+// this process's descriptors beyond standard output and error. -1 when no
+// process was made.
+int runShell(const std::string& cmd);
+
+// runShell without a shell: args[0] is looked up in PATH and the words are
+// passed as they are, so no character in them means anything.
+int runProgram(const std::vector<std::string>& args);
+
 // Attaches the disk image and finds the device and the package path
 // ("<volume>/<packageName>.pkg") in hdiutil's output. Returns 0, hdiutil's
 // non-zero exit code, or -1 (no device or volume found, or an exception).
-// The image stays attached when -1 follows a successful attach.
+// The image stays attached when -1 follows a successful attach, except when
+// the device or the volume's path holds a character the shell would read
+// (they come from inside the served image and go into command lines): the
+// image is then detached again, without a shell, and -1 returned.
 int mountAndGetPkgPath(const std::string& packageName, const std::string& imagePath, std::string& device,
                        std::string& pkgPath);
 // The device ("/dev/" field) and package path ("/Volumes/" field) in

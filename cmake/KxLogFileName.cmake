@@ -11,7 +11,10 @@ function(kx_log_file_names target)
     get_filename_component(_abs "${_src}" ABSOLUTE BASE_DIR "${_dir}")
     file(RELATIVE_PATH _rel "${CMAKE_SOURCE_DIR}" "${_abs}")
     string(REGEX REPLACE "\\.[^./]*$" "" _rel "${_rel}")
-    set_property(SOURCE "${_src}" TARGET_DIRECTORY ${target}
+    # By absolute path: a relative one would be read against the directory
+    # that calls this function, which for a target that gets sources from
+    # several directories is not where the file lies.
+    set_property(SOURCE "${_abs}" TARGET_DIRECTORY ${target}
                  APPEND PROPERTY COMPILE_DEFINITIONS "KX_LOG_FILE=\"${_rel}\"")
   endforeach()
 endfunction()

@@ -233,7 +233,6 @@ void version_compare(const std::string& in) {
   }
 }
 
-#ifdef KX_FUZZ_LOCK_TIME
 // The content of a lock file; its first eight bytes also make a time written
 // in front of it.
 void lock_file(const std::string& in) {
@@ -249,7 +248,6 @@ void lock_file(const std::string& in) {
   require(Updater::lockTime("\t" + std::to_string(t) + " \n" + in) == t,
           "a written time reads back, blanks and later lines aside");
 }
-#endif
 
 // Cut after each line feed and delivered line by line into one map, as a
 // redirect chain's responses are: once as one item of n bytes, once as n
@@ -283,9 +281,7 @@ const std::pair<const char*, Target> kTargets[] = {
     {"number_parse", number_parse},
     {"version_compare", version_compare},
     {"header_lines", header_lines},
-#ifdef KX_FUZZ_LOCK_TIME
     {"lock_file", lock_file},
-#endif
 };
 
 Target targetNamed(const std::string& name) {

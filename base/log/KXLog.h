@@ -206,8 +206,12 @@ class KXLog {
   std::atomic<KXLogCb*> _cb;
 };
 
+// Log lines name their source by its path from the repository root, set per
+// file by the build (kx_log_file_names). Falling back to __FILE__ would leak
+// the build machine's paths into every log, so a file without it does not
+// compile.
 #ifndef KX_LOG_FILE
-#define KX_LOG_FILE __FILE__
+#error "KX_LOG_FILE is not set for this source: add its target to kx_log_file_names()"
 #endif
 
 // The one logging statement: KXLOG(KXLM_ROOT, KXLL_ERR, "text [" << code << "]").

@@ -5,6 +5,7 @@
 #include <iomanip>
 #include <ios>
 #include <ostream>
+#include <string>
 
 namespace {
 
@@ -21,7 +22,9 @@ void printEnum(std::ostream& os, int value, const EnumName (&names)[N], const ch
       return;
     }
   }
-  os << unknownPrefix << std::dec << value;
+  // Decimal without touching the stream's base: a caller that switched to
+  // hex for the numbers around this one must keep it.
+  os << unknownPrefix << std::to_string(value);
 }
 
 constexpr EnumName kFileTypeNames[] = {
@@ -53,6 +56,14 @@ void restoreDefaults(std::ostream& os) { os << std::dec << std::nouppercase << s
 }  // namespace
 
 void KXStreamLogger::clear() {
+  // One huge message (a server's text, say) would otherwise stay as the
+  // buffer's high-water mark for the life of the process, and every later
+  // message would be copied out at that length. Only the buffer is swapped:
+  // the format flags stay in force across messages.
+  if (tellp() > static_cast<std::streamoff>(kKeptBuffer)) {
+    std::stringbuf fresh(std::ios_base::out);
+    rdbuf()->swap(fresh);
+  }
   if (!seekp(0)) setstate(std::ios_base::failbit);
   std::ios::clear();
 }

@@ -66,8 +66,10 @@ class KXStreamLogger : public std::ostringstream {
 
   // Rewinds the write position without emptying the buffer: the text of an
   // earlier, longer message stays behind it. Messages therefore end with a
-  // NUL that the sink stops at; the two go together.
+  // NUL that the sink stops at; the two go together. A buffer grown past
+  // kKeptBuffer by the last message is released first.
   void clear();
+  static constexpr size_t kKeptBuffer = 64 * 1024;
 
   KXStreamLogger& operator<<(char c);
   KXStreamLogger& operator<<(unsigned char c);

@@ -18,7 +18,10 @@ int osal_getconfstr(const char* path, char* buffer, unsigned int bufferSize);
 int osal_setconfstr(const char* path, const char* value, bool ownerOnly, bool everyoneReadWrite);
 
 // Writes a value named name into the temporary configuration directory
-// "/tmp/.tidelocker\r" (the carriage return is part of the name).
+// "/tmp/.tidelocker\r" (the carriage return is part of the name). Anyone
+// can create that name in /tmp first, so a directory that is not ours, or
+// that others may write to, is refused (-1), and no link at the file's name
+// is followed.
 //
 // It writes as many bytes from value as the file's path has characters, not
 // strlen(value): value must point to at least that many readable bytes. The

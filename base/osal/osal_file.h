@@ -16,6 +16,17 @@ int osal_exists(const char* path, bool* exists);
 // pages cached; that request is best effort and never fails the open.
 int osal_open(const char* path, KXOpenMode mode, bool noCache, int* fd);
 
+// Opens path for writing as a file of this process's own, for a path in a
+// directory that others may write to: never follows a link, never blocks on
+// a FIFO, and hands out only a regular file with one link owned by the
+// effective user. What else an attacker could plant at path (a link, a hard
+// link to some other file, a FIFO, a socket, another user's file) is removed
+// and the file created anew, exclusively, with mode 0644; a device or a
+// directory is left alone and the call fails. flags adds
+// O_APPEND or O_TRUNC (the truncation happens only once the file passed the
+// checks). The descriptor is close-on-exec.
+int osal_openOwned(const char* path, int flags, int* fd);
+
 // Reads up to size bytes, retrying short reads until size or end of file;
 // *got receives the count.
 int osal_read(int fd, void* buffer, unsigned int size, unsigned int* got);
@@ -36,3 +47,9 @@ int osal_mkdir(const char* path, bool* created, bool recursive);
 // Asks the file system to bypass its cache for fd. One definition per
 // platform; returns 0 or -1 and does not log.
 int osal_noCache(int fd);
+
+// Marks every descriptor from lowest up close-on-exec, so that a command
+// started next inherits none of this process's files and sockets (some come
+// from libraries that do not mark their own). Async-signal-safe: meant for a
+// child between fork and exec. One definition per platform.
+void osal_closeOnExecFrom(int lowest);

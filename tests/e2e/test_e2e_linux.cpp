@@ -172,12 +172,12 @@ INSTANTIATE_TEST_SUITE_P(
         VersionCase{"PublishedWithTwoParts", "7.2.0.0", "7.3", 5, "Invalid version_long.txt 7.3"},
         VersionCase{"PublishedEmpty", "7.2.0.0", "", 5, "Invalid version_long.txt "},
         VersionCase{"PublishedBinary", "7.2.0.0", std::string("\x01\xff\xfe\x80", 4), 5,
-                    "Invalid version_long.txt \x01\xff\xfe\x80"},
+                    "Invalid version_long.txt \\x01\xff\xfe\x80"},
         VersionCase{"PublishedWithANulByte", "7.2.0.0",
                     std::string("\0"
                                 "7.3.0.0",
                                 8),
-                    5, "Invalid version_long.txt "}),
+                    5, "Invalid version_long.txt \\x007.3.0.0"}),
     [](const ::testing::TestParamInfo<VersionCase>& info) { return std::string(info.param.name); });
 
 // ---- display libraries --------------------------------------------------------

@@ -171,19 +171,5 @@ TEST_F(E2eLock, NoTemporaryDirectoryRefusesTheRun) {
   EXPECT_FALSE(boost::filesystem::exists(box.file("agent_upd.log")));
 }
 
-TEST_F(E2eLock, ALinkInItsPlaceIsNotFollowed) {
-  const std::string target = box.file("precious");
-  writeFile(target, "keep me\n");
-  ASSERT_EQ(symlink(target.c_str(), box.lockFile().c_str()), 0);
-  const RunResult r = run();
-  EXPECT_EQ(r.status, 0) << r;
-  EXPECT_TRUE(box.logged("Failed to open lock file"));
-  EXPECT_TRUE(ranPastTheLock()) << "an unopenable lock does not block the run";
-  EXPECT_EQ(readFile(target), "keep me\n");
-  struct stat st {};
-  ASSERT_EQ(lstat(box.lockFile().c_str(), &st), 0);
-  EXPECT_TRUE(S_ISLNK(st.st_mode));
-}
-
 }  // namespace
 }  // namespace e2e

@@ -51,40 +51,6 @@ TEST_F(LockFault, DirectoryInItsPlaceRefusesEveryRun) {
   EXPECT_TRUE(S_ISDIR(st.st_mode));
 }
 
-struct LinkCase {
-  const char* name;
-  bool targetIsDirectory;  // else the target does not exist
-};
-
-class LockLink : public FaultTest, public ::testing::WithParamInterface<LinkCase> {};
-
-// A link planted in the lock's place is never followed, so nothing is
-// created or written where it points; the run goes on without a lock.
-TEST_P(LockLink, IsNotFollowed) {
-  publish();
-  const std::string pointee = outside("victim");
-  if (GetParam().targetIsDirectory) {
-    ASSERT_EQ(mkdir(pointee.c_str(), 0755), 0);
-  }
-  ASSERT_EQ(symlink(pointee.c_str(), box.lockFile().c_str()), 0);
-  const RunResult r = update();
-  ASSERT_EQ(r.status, 0) << r;
-  EXPECT_TRUE(inOrder(box.messages(), {"Lock file is [" + box.lockFile() + "]", "Failed to open lock file",
-                                       "OS is [Linux]", "Agent Update done"}));
-  EXPECT_EQ(box.calls(), updateCalls());
-  EXPECT_TRUE(restartedAfterEveryStop(box.calls()));
-  EXPECT_TRUE(isLink(box.lockFile()));
-  if (GetParam().targetIsDirectory) {
-    EXPECT_TRUE(boost::filesystem::is_empty(pointee));
-  } else {
-    EXPECT_FALSE(exists(pointee));
-  }
-}
-
-INSTANTIATE_TEST_SUITE_P(Fault, LockLink,
-                         ::testing::Values(LinkCase{"Dangling", false}, LinkCase{"ToADirectory", true}),
-                         caseName<LinkCase>);
-
 // The check and the creation of the lock are two steps, so runs started
 // together may both find no lock. What is certain: at least one proceeds,
 // each of the others is refused, and every run ends with 0.
@@ -237,19 +203,6 @@ TEST_F(LogFault, BackupThatIsALinkIsReplacedNotFollowed) {
   EXPECT_TRUE(readFile(backup()) == old);
   EXPECT_EQ(readFile(outside("precious")), "precious\n");
   EXPECT_EQ(box.messages().front(), "Check Update");
-}
-
-// A link planted in the log's place in a shared temporary directory would
-// have the program, as root, append to any file. It is not followed: the run
-// goes on without a log file, the echo still works.
-TEST_F(LogFault, LogThatIsALinkIsNotFollowed) {
-  writeFile(outside("victim"), "victim\n");
-  ASSERT_EQ(symlink(outside("victim").c_str(), box.logFile().c_str()), 0);
-  const RunResult r = upToDate({"-D"});
-  ASSERT_EQ(r.status, 0) << r;
-  EXPECT_EQ(readFile(outside("victim")), "victim\n");
-  EXPECT_TRUE(isLink(box.logFile()));
-  EXPECT_TRUE(inOrder(logMessages(r.out), wholeRun())) << r;
 }
 
 // The database directory lies below a regular file, so its log directory

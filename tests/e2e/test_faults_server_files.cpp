@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "FaultTest.h"
+#include "utils.h"
 
 namespace e2e {
 namespace {
@@ -130,7 +131,7 @@ TEST_P(ServerFile, FailsAsItsResultSays) {
 Outcome done(const std::string& logged) { return {0, "Agent Update done", logged, 1, true}; }
 const Outcome kUnparsableDefinition{11, "Exception : Fail to parse agent_setup_def file", "Parsing error : ", 0, false};
 const Outcome kProbeFailed{11, "Exception : Failed to get any correct setup paths", "", 0, false};
-const Outcome kErrorPageAsVersion{5, std::string("Invalid version_long.txt ") + kErrorPage, "", 0, false};
+const Outcome kErrorPageAsVersion{5, "Invalid version_long.txt " + utils::logText(kErrorPage), "", 0, false};
 const Outcome kErrorPageAsSum{7, "Invalid setup md5", "Downloaded md5 is <!DOCTYPE", 3, false};
 const Outcome kErrorPageAsPackage{7, "Invalid setup md5",
                                   "Re-download setup file because current one has a wrong hash: ", 3, false};
@@ -319,7 +320,7 @@ TEST_P(VersionFile, DecidesWhetherToUpdate) {
     EXPECT_EQ(server.requestLines(), expected);
     EXPECT_TRUE(box.calls().empty());
     EXPECT_EQ(box.messages().back(), c.status == 0 ? "Current version is up to date. Nothing to do"
-                                                   : "Invalid version_long.txt " + c.published);
+                                                   : "Invalid version_long.txt " + utils::logText(c.published));
   }
   EXPECT_TRUE(lockExists());
 }

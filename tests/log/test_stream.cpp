@@ -68,8 +68,16 @@ TEST_F(Stream, EnumerationNamesAndUnknownValues) {
 }
 
 TEST_F(Stream, UnknownEnumValueIsDecimalEvenInHexMode) {
-  s << KXStreamLogger::Hex << static_cast<KXFileType>(26);
-  EXPECT_EQ(text(s), "KX_FILETYPE_UNKNOWN_26");
+  s << KXStreamLogger::Hex << static_cast<KXFileType>(26) << ' ' << 255;
+  EXPECT_EQ(text(s), "KX_FILETYPE_UNKNOWN_26 ff") << "the base in force is kept for later numbers";
+}
+
+TEST_F(Stream, OneHugeMessageDoesNotStayAsTheBuffer) {
+  s << std::string(1 << 20, 'x');
+  s.clear();
+  s << "short";
+  EXPECT_EQ(text(s), "short");
+  EXPECT_LE(s.str().size(), KXStreamLogger::kKeptBuffer);
 }
 
 TEST_F(Stream, TableJoinsWithSeparator) {

@@ -77,6 +77,8 @@ TEST_F(ConfStore, ReadFailuresAreLoggedByStep) {
   ASSERT_EQ(symlink(loop.c_str(), loop.c_str()), 0);
   EXPECT_EQ(get(loop, 16), -1);
   EXPECT_TRUE(cap.contains("osal_getconfstr -> osal_exists failed"));
+  // Named by its path in the repository, whatever directory the build ran in.
+  EXPECT_EQ(cap.sink().lines().at(0).file, "base/osal/MacOS/UxosalConf");
 
   EXPECT_EQ(get(dir.path(), 16), -1);  // a directory opens but cannot be read
   EXPECT_TRUE(cap.contains("osal_getconfstr -> osal_read failed"));
@@ -129,6 +131,28 @@ TEST_F(ConfStore, TemporaryValueIsWrittenAtThePathsLength) {
   ASSERT_EQ(osal_setconfstrtmpIn(tmpDir.c_str(), "x", std::string(200, 'L').c_str()), 0);
   EXPECT_EQ(readFile(path), std::string(path.size(), 'L'));
   EXPECT_TRUE(cap.messages().empty());
+}
+
+// Anyone can make the directory in /tmp first: root must not write into one
+// that is not its own, or through a link planted at the file.
+TEST_F(ConfStore, TemporaryValueOnlyInADirectoryOfOurOwn) {
+  const std::string tmpDir = dir.file("conf");
+  ASSERT_EQ(mkdir(tmpDir.c_str(), 0777), 0);
+  ASSERT_EQ(chmod(tmpDir.c_str(), 0777), 0);
+  EXPECT_EQ(osal_setconfstrtmpIn(tmpDir.c_str(), "x", "value"), -1);
+  EXPECT_TRUE(cap.contains("osal_setconfstrtmp -> unsafe directory"));
+  ASSERT_EQ(chmod(tmpDir.c_str(), 0755), 0);
+  if (geteuid() == 0) {  // only root can give it away
+    ASSERT_EQ(chown(tmpDir.c_str(), 65534, 65534), 0);
+    EXPECT_EQ(osal_setconfstrtmpIn(tmpDir.c_str(), "x", "value"), -1);
+    ASSERT_EQ(chown(tmpDir.c_str(), 0, 0), 0);
+  }
+
+  writeFile(dir.file("victim"), "precious");
+  ASSERT_EQ(symlink(dir.file("victim").c_str(), (tmpDir + "/x").c_str()), 0);
+  ASSERT_EQ(osal_setconfstrtmpIn(tmpDir.c_str(), "x", std::string(200, 'v').c_str()), 0);
+  EXPECT_EQ(readFile(dir.file("victim")), "precious");
+  EXPECT_EQ(readFile(tmpDir + "/x"), std::string(tmpDir.size() + 2, 'v'));
 }
 
 TEST_F(ConfStore, TemporaryValueFailuresAreLoggedByStep) {

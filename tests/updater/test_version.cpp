@@ -46,7 +46,8 @@ TEST(VersionPrint, StreamsIntoLogMessages) {
   ScopedLogCapture cap;
   const Version v(10, 2, 0, 117);
   KXLOG(KXLM_ROOT, KXLL_NFY, "Available version is " << v);
-  EXPECT_EQ(cap.messages(), std::vector<std::string>{"Available version is 10.2.0.117"});
+  KXLOG(KXLM_ROOT, KXLL_NFY, KXStreamLogger::Hex << 255 << " " << v << KXStreamLogger::Dec);
+  EXPECT_EQ(cap.messages(), (std::vector<std::string>{"Available version is 10.2.0.117", "ff 10.2.0.117"}));
 }
 
 }  // namespace

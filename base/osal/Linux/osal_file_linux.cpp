@@ -1,5 +1,7 @@
 #include <errno.h>
 #include <fcntl.h>
+#include <linux/close_range.h>
+#include <unistd.h>
 
 #include "osal_file.h"
 
@@ -11,4 +13,11 @@ int osal_noCache(int fd) {
   if (rc == 0) return 0;
   errno = rc;
   return -1;
+}
+
+void osal_closeOnExecFrom(int lowest) {
+  if (close_range(static_cast<unsigned>(lowest), ~0U, CLOSE_RANGE_CLOEXEC) == 0) return;
+  // Kernels before 5.11: one call per possible descriptor.
+  const long max = sysconf(_SC_OPEN_MAX);
+  for (long fd = lowest; fd < max; ++fd) fcntl(static_cast<int>(fd), F_SETFD, FD_CLOEXEC);
 }

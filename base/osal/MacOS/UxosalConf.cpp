@@ -5,6 +5,7 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "KXLog.h"
 #include "osal_conf.h"
@@ -35,6 +36,7 @@ int osal_getconfstr(const char* path, char* buffer, unsigned int bufferSize) {
   }
   unsigned int got = 0;
   if (osal_read(fd, buffer, bufferSize, &got) != 0) {
+    buffer[0] = '\0';
     KXLOG(KXLM_OSAL, KXLL_ERR, "osal_getconfstr -> osal_read failed");
     osal_close(fd);
     return -1;
@@ -55,6 +57,9 @@ int osal_getconfstr(const char* path, char* buffer, unsigned int bufferSize) {
     buffer[got] = '\0';
     return 0;
   }
+  // Nothing in the buffer ends the value, so a caller that ignores the
+  // result must not find a text without its terminator.
+  buffer[0] = '\0';
   KXLOG(KXLM_OSAL, KXLL_ERR, "osal_getconfstr -> buffer too short");
   return -1;
 }
@@ -92,8 +97,17 @@ int osal_setconfstrtmp(const char* name, const char* value) {
 }
 
 int osal_setconfstrtmpIn(const char* dir, const char* name, const char* value) {
-  if (osal_mkdir(dir, nullptr, false) != 0) {
+  bool created = false;
+  if (osal_mkdir(dir, &created, false) != 0) {
     KXLOG(KXLM_OSAL, KXLL_ERR, "osal_setconfstrtmp -> osal_mkdir failed");
+    return -1;
+  }
+  // The directory sits in /tmp, where anyone may have made it first: only one
+  // of our own that nobody else can write to is used.
+  if (created) chmod(dir, 0755);
+  struct stat st {};
+  if (lstat(dir, &st) != 0 || !S_ISDIR(st.st_mode) || st.st_uid != geteuid() || (st.st_mode & 022) != 0) {
+    KXLOG(KXLM_OSAL, KXLL_ERR, "osal_setconfstrtmp -> unsafe directory");
     return -1;
   }
   char path[kPathSize];
@@ -103,10 +117,11 @@ int osal_setconfstrtmpIn(const char* dir, const char* name, const char* value) {
     return -1;
   }
   int fd = -1;
-  if (osal_open(path, KX_OPENMODE_RWCANCREATE, true, &fd) != 0) {
+  if (osal_openOwned(path, 0, &fd) != 0) {
     KXLOG(KXLM_OSAL, KXLL_ERR, "osal_setconfstrtmp -> osal_open failed");
     return -1;
   }
+  osal_noCache(fd);
   if (osal_truncate(fd, 0) != 0) {
     KXLOG(KXLM_OSAL, KXLL_ERR, "osal_setconfstrtmp -> osal_truncate failed");
     osal_close(fd);

@@ -60,6 +60,58 @@ int osal_open(const char* path, KXOpenMode mode, bool noCache, int* fd) {
   return 0;
 }
 
+namespace {
+bool isOwnedRegularFile(int fd) {
+  struct stat st {};
+  return fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_nlink == 1 && st.st_uid == geteuid();
+}
+
+int openNoFollow(const char* path, int flags) {
+  int rc;
+  do {
+    rc = open(path, flags | O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644);
+  } while (rc < 0 && errno == EINTR);
+  return rc;
+}
+
+// O_NONBLOCK only served the open (a FIFO must not hang it); writes to a
+// regular file never block anyway, and a later check may rely on full writes.
+int blocking(int fd) {
+  const int fl = fcntl(fd, F_GETFL);
+  return fl < 0 ? -1 : fcntl(fd, F_SETFL, fl & ~O_NONBLOCK);
+}
+}  // namespace
+
+int osal_openOwned(const char* path, int flags, int* fd) {
+  const int extra = flags & O_APPEND;
+  int rc = openNoFollow(path, O_CREAT | extra);
+  if (rc >= 0 && !isOwnedRegularFile(rc)) {
+    close(rc);
+    rc = -1;
+  }
+  if (rc < 0) {
+    // What an attacker can plant (a link, a FIFO, a socket, a hard link or a
+    // file of their own) is not ours to write through and goes. A device or a
+    // directory is left alone, and the exclusive create below then fails.
+    struct stat st {};
+    if (lstat(path, &st) == 0 &&
+        (S_ISLNK(st.st_mode) || S_ISFIFO(st.st_mode) || S_ISSOCK(st.st_mode) || S_ISREG(st.st_mode)) &&
+        unlink(path) != 0) {
+      const int err = errno;
+      KXLOG(KXLM_OSAL, KXLL_DBG, "osal_openOwned -> unlink failed (" << err << ") " << path);
+    }
+    rc = openNoFollow(path, O_CREAT | O_EXCL | extra);
+  }
+  if (rc < 0 || blocking(rc) != 0 || ((flags & O_TRUNC) != 0 && ftruncate(rc, 0) != 0)) {
+    const int err = errno;
+    KXLOG(KXLM_OSAL, KXLL_DBG, "osal_openOwned -> open failed (" << err << ") " << path);
+    if (rc >= 0) close(rc);
+    return -1;
+  }
+  *fd = rc;
+  return 0;
+}
+
 int osal_read(int fd, void* buffer, unsigned int size, unsigned int* got) {
   char* p = static_cast<char*>(buffer);
   unsigned int done = 0;
