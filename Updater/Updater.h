@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "HttpClient.h"
 #include "utils.h"
@@ -49,6 +50,20 @@ class Updater {
   // and std::length_error for a first line of more than 4096 bytes.
   static long long lockTime(const std::string& content);
 
+  // The run's steps from the version file to a verified package, shared with
+  // the publishing tool so that it judges a server exactly as a client does.
+  // Each logs as the run does and returns the run's result for its failure,
+  // 0 when it succeeded. The published version (from the probe or the
+  // version file): 0, 2 (request failed) or 5 (not a version).
+  int fetchAvailableVersion(const utils::SetuParameter& p, Version& available);
+  // The sum the server publishes, or "" when there is none to check against.
+  std::string fetchExpectedMd5(const utils::SetuParameter& p);
+  // The package's size (from the probe or a HEAD request): 0, 2 or 7.
+  int fetchExpectedSize(const utils::SetuParameter& p, unsigned long long& size);
+  // Up to three downloads to p.setupPath until one has the size and, when a
+  // sum is given, the sum: 0, 2 (a download failed), 6 (size) or 7 (sum).
+  int downloadVerified(const utils::SetuParameter& p, unsigned long long expectedSize, const std::string& expectedMd5);
+
   // Stops the agent, installs the package (unless restartOnly), detaches a
   // disk image and starts the agent again on every path. Failures are logged
   // and do not change the run's result.
@@ -85,6 +100,10 @@ class Updater {
   // answered), 3 (architecture not known), 5 (no directory) or 7 (package
   // without a size). At most three GETs and five HEADs.
   int getSetupRootPath(const std::string& serverUrl, const std::string& archText, SetupInfo& info);
+  // What that probe tries, in order: directories under the server address and
+  // package names in them; null for an architecture it does not know.
+  static const std::vector<const char*>* probeDirectories(const std::string& archText);
+  static const std::vector<const char*>* probePackages(const std::string& archText);
 
   bool restartOnly = false;
   std::string lockFilePath;

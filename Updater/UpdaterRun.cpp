@@ -308,105 +308,16 @@ int Updater::doCheckAndUpdate(const std::string& url, const std::string& version
     KXLOG(KXLM_ROOT, KXLL_NFY, "stop cmd    = " << p.stopCmd);
     KXLOG(KXLM_ROOT, KXLL_NFY, "install cmd = " << p.installCmd);
 
-    std::map<std::string, std::string> headers;
-    std::string versionText;
-    if (os == utils::Macosx && !p.versionText.empty()) {
-      versionText = p.versionText;
-    } else {
-      const int c = httpClient.get(p.versionUrl, versionText, headers);
-      if (c != 0) {
-        KXLOG(KXLM_ROOT, KXLL_ERR, "Failed to download version:  [" << c << "]");
-        return 2;
-      }
-    }
-    const Version available = Version::parse(versionText);
-    if (available.isInvalid()) {
-      KXLOG(KXLM_ROOT, KXLL_ERR, "Invalid version_long.txt " << utils::logText(versionText));
-      return 5;
-    }
-    KXLOG(KXLM_ROOT, KXLL_NFY, "Available version is " << available);
-
+    Version available;
+    if (const int r = fetchAvailableVersion(p, available); r != 0) return r;
     if (!(current < available)) {
       KXLOG(KXLM_ROOT, KXLL_NFY, "Current version is up to date. Nothing to do");
       return 0;
     }
-
-    // The hash file holds "<sum> <file name>"; without a blank there is no
-    // usable sum and the download is checked on its size alone.
-    std::string expectedMd5;
-    std::string hashBody;
-    const int hc = httpClient.get(p.hashUrl, hashBody, headers);
-    if (hc == 0) {
-      const size_t blank = hashBody.find(' ');
-      if (blank != std::string::npos) {
-        expectedMd5 = hashBody.substr(0, blank);
-        KXLOG(KXLM_ROOT, KXLL_NFY, "Downloaded md5 is " << utils::logText(expectedMd5));
-      }
-    } else {
-      KXLOG(KXLM_ROOT, KXLL_ERR, "No file signature available (skip verification): [" << hc << "]");
-    }
-
+    const std::string expectedMd5 = fetchExpectedMd5(p);
     unsigned long long expectedSize = 0;
-    if (os == utils::Macosx && p.setupSize != 0) {
-      expectedSize = p.setupSize;
-    } else {
-      const int c = httpClient.head(p.setupUrl, headers);
-      if (c != 0) {
-        KXLOG(KXLM_ROOT, KXLL_ERR, "Fail to get HEAD for " << utils::logUrl(p.setupUrl) << ": [" << c << " ]");
-        return 2;
-      }
-      if (utils::getContentLength(headers, expectedSize) != 0) {
-        KXLOG(KXLM_ROOT, KXLL_ERR, "Fail to determine file size");
-        return 7;
-      }
-      KXLOG(KXLM_ROOT, KXLL_NFY, "File size for " << utils::logUrl(p.setupUrl) << " is " << expectedSize << " bytes");
-    }
-
-    enum class Outcome { NotTried, WrongSize, WrongHash, Accepted } outcome = Outcome::NotTried;
-    for (int attempt = 0; attempt < kDownloadAttempts && outcome != Outcome::Accepted; ++attempt) {
-      const int c = httpClient.download(p.setupUrl, p.setupPath, headers, expectedSize);
-      if (c != 0) {
-        KXLOG(KXLM_ROOT, KXLL_ERR, "'Fail to download setup file: [" << c << "]");
-        return 2;
-      }
-      const unsigned long long n = boost::filesystem::file_size(p.setupPath);
-      KXLOG(KXLM_ROOT, KXLL_NFY, "Setup downloaded [" << n << " bytes]");
-      if (n != expectedSize) {
-        // Not deleted: the next download overwrites it.
-        KXLOG(KXLM_ROOT, KXLL_WRN,
-              "Downloaded size is " << n << " bytes. Expected size is " << expectedSize << " bytes - try again");
-        outcome = Outcome::WrongSize;
-        continue;
-      }
-      if (expectedMd5.empty()) {
-        outcome = Outcome::Accepted;
-        continue;
-      }
-      const std::string computed = utils::computeMD5(p.setupPath);
-      if (computed == expectedMd5) {
-        KXLOG(KXLM_ROOT, KXLL_NFY, "Computed md5 is " << computed);
-        outcome = Outcome::Accepted;
-      } else {
-        KXLOG(KXLM_ROOT, KXLL_WRN,
-              "Re-download setup file because current one has a wrong hash: " << computed << " vs "
-                                                                              << utils::logText(expectedMd5));
-        std::remove(p.setupPath.c_str());
-        outcome = Outcome::WrongHash;
-      }
-    }
-    switch (outcome) {
-      case Outcome::Accepted:
-        break;
-      case Outcome::WrongHash:
-        KXLOG(KXLM_ROOT, KXLL_ERR, "Invalid setup md5");
-        return 7;
-      case Outcome::WrongSize:
-        KXLOG(KXLM_ROOT, KXLL_ERR, "Invalid setup size");
-        return 6;
-      default:
-        KXLOG(KXLM_ROOT, KXLL_ERR, "Fail to download setup");
-        return 11;
-    }
+    if (const int r = fetchExpectedSize(p, expectedSize); r != 0) return r;
+    if (const int r = downloadVerified(p, expectedSize, expectedMd5); r != 0) return r;
 
     if (os == utils::Macosx && distrib == utils::Dmg) {
       std::string pkgPath;
@@ -423,6 +334,115 @@ int Updater::doCheckAndUpdate(const std::string& url, const std::string& version
   } catch (const std::exception& e) {
     KXLOG(KXLM_ROOT, KXLL_ERR, "Exception : " << utils::logText(e.what()));
     return 11;
+  }
+}
+
+// ---- the steps from the version file to a verified package ------------------------
+
+int Updater::fetchAvailableVersion(const utils::SetuParameter& p, Version& available) {
+  std::string versionText;
+  if (os == utils::Macosx && !p.versionText.empty()) {
+    versionText = p.versionText;
+  } else {
+    std::map<std::string, std::string> headers;
+    const int c = httpClient.get(p.versionUrl, versionText, headers);
+    if (c != 0) {
+      KXLOG(KXLM_ROOT, KXLL_ERR, "Failed to download version:  [" << c << "]");
+      return 2;
+    }
+  }
+  available = Version::parse(versionText);
+  if (available.isInvalid()) {
+    KXLOG(KXLM_ROOT, KXLL_ERR, "Invalid version_long.txt " << utils::logText(versionText));
+    return 5;
+  }
+  KXLOG(KXLM_ROOT, KXLL_NFY, "Available version is " << available);
+  return 0;
+}
+
+std::string Updater::fetchExpectedMd5(const utils::SetuParameter& p) {
+  // The hash file holds "<sum> <file name>"; without a blank there is no
+  // usable sum and the download is checked on its size alone.
+  std::string body;
+  std::map<std::string, std::string> headers;
+  const int c = httpClient.get(p.hashUrl, body, headers);
+  if (c != 0) {
+    KXLOG(KXLM_ROOT, KXLL_ERR, "No file signature available (skip verification): [" << c << "]");
+    return std::string();
+  }
+  const size_t blank = body.find(' ');
+  if (blank == std::string::npos) return std::string();
+  std::string sum = body.substr(0, blank);
+  KXLOG(KXLM_ROOT, KXLL_NFY, "Downloaded md5 is " << utils::logText(sum));
+  return sum;
+}
+
+int Updater::fetchExpectedSize(const utils::SetuParameter& p, unsigned long long& size) {
+  if (os == utils::Macosx && p.setupSize != 0) {
+    size = p.setupSize;
+    return 0;
+  }
+  std::map<std::string, std::string> headers;
+  const int c = httpClient.head(p.setupUrl, headers);
+  if (c != 0) {
+    KXLOG(KXLM_ROOT, KXLL_ERR, "Fail to get HEAD for " << utils::logUrl(p.setupUrl) << ": [" << c << " ]");
+    return 2;
+  }
+  if (utils::getContentLength(headers, size) != 0) {
+    KXLOG(KXLM_ROOT, KXLL_ERR, "Fail to determine file size");
+    return 7;
+  }
+  KXLOG(KXLM_ROOT, KXLL_NFY, "File size for " << utils::logUrl(p.setupUrl) << " is " << size << " bytes");
+  return 0;
+}
+
+int Updater::downloadVerified(const utils::SetuParameter& p, unsigned long long expectedSize,
+                              const std::string& expectedMd5) {
+  std::map<std::string, std::string> headers;
+  enum class Outcome { NotTried, WrongSize, WrongHash, Accepted } outcome = Outcome::NotTried;
+  for (int attempt = 0; attempt < kDownloadAttempts && outcome != Outcome::Accepted; ++attempt) {
+    const int c = httpClient.download(p.setupUrl, p.setupPath, headers, expectedSize);
+    if (c != 0) {
+      KXLOG(KXLM_ROOT, KXLL_ERR, "'Fail to download setup file: [" << c << "]");
+      return 2;
+    }
+    const unsigned long long n = boost::filesystem::file_size(p.setupPath);
+    KXLOG(KXLM_ROOT, KXLL_NFY, "Setup downloaded [" << n << " bytes]");
+    if (n != expectedSize) {
+      // Not deleted: the next download overwrites it.
+      KXLOG(KXLM_ROOT, KXLL_WRN,
+            "Downloaded size is " << n << " bytes. Expected size is " << expectedSize << " bytes - try again");
+      outcome = Outcome::WrongSize;
+      continue;
+    }
+    if (expectedMd5.empty()) {
+      outcome = Outcome::Accepted;
+      continue;
+    }
+    const std::string computed = utils::computeMD5(p.setupPath);
+    if (computed == expectedMd5) {
+      KXLOG(KXLM_ROOT, KXLL_NFY, "Computed md5 is " << computed);
+      outcome = Outcome::Accepted;
+    } else {
+      KXLOG(KXLM_ROOT, KXLL_WRN,
+            "Re-download setup file because current one has a wrong hash: " << computed << " vs "
+                                                                            << utils::logText(expectedMd5));
+      std::remove(p.setupPath.c_str());
+      outcome = Outcome::WrongHash;
+    }
+  }
+  switch (outcome) {
+    case Outcome::Accepted:
+      return 0;
+    case Outcome::WrongHash:
+      KXLOG(KXLM_ROOT, KXLL_ERR, "Invalid setup md5");
+      return 7;
+    case Outcome::WrongSize:
+      KXLOG(KXLM_ROOT, KXLL_ERR, "Invalid setup size");
+      return 6;
+    default:
+      KXLOG(KXLM_ROOT, KXLL_ERR, "Fail to download setup");
+      return 11;
   }
 }
 

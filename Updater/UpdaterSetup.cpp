@@ -236,8 +236,16 @@ void Updater::fillInstallSetupParamForMacOSX(utils::SetuParameter& p) {
   p.startCmd = std::string("launchctl load ") + kMacLaunchDaemon;
 }
 
+const std::vector<const char*>* Updater::probeDirectories(const std::string& archText) {
+  return findCandidates(kDirCandidates, archText);
+}
+
+const std::vector<const char*>* Updater::probePackages(const std::string& archText) {
+  return findCandidates(kFileCandidates, archText);
+}
+
 int Updater::getSetupRootPath(const std::string& serverUrl, const std::string& archText, SetupInfo& info) {
-  const std::vector<const char*>* dirs = findCandidates(kDirCandidates, archText);
+  const std::vector<const char*>* dirs = probeDirectories(archText);
   if (dirs == nullptr) return 3;
   std::string body;
   std::map<std::string, std::string> headers;
@@ -250,7 +258,7 @@ int Updater::getSetupRootPath(const std::string& serverUrl, const std::string& a
     }
   }
   if (info.rootPath.empty()) return 5;
-  const std::vector<const char*>* files = findCandidates(kFileCandidates, archText);
+  const std::vector<const char*>* files = probePackages(archText);
   if (files == nullptr) return 3;
   for (const char* file : *files) {
     const std::string url = info.rootPath + "/" + file;
