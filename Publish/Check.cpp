@@ -1,0 +1,291 @@
+// kx-publish check: every platform's client replayed against a live server,
+// through the updater's own resolution and download code, with the verdict an
+// agent would reach.
+#include <unistd.h>
+
+#include <boost/filesystem.hpp>
+#include <cstdio>
+#include <iomanip>
+#include <iostream>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "KXLog.h"
+#include "Publish.h"
+#include "Updater.h"
+#include "Version.h"
+#include "utils.h"
+
+namespace publish {
+namespace {
+
+struct Target {
+  const char* name;
+  int os;
+  int arch;
+  int distrib;  // macOS: decided by the server
+};
+
+// Every platform and package kind a client knows.
+const Target kTargets[] = {
+    {"macos/amd64", utils::Macosx, utils::X64, utils::None},
+    {"macos/arm64", utils::Macosx, utils::Arm64, utils::None},
+    {"linux/amd64 deb", utils::Linux, utils::X64, utils::Deb},
+    {"linux/amd64 rpm", utils::Linux, utils::X64, utils::Rpm},
+    {"linux/amd64 spk", utils::Linux, utils::X64, utils::Spk},
+    {"linux/arm64 deb", utils::Linux, utils::Arm64, utils::Deb},
+    {"linux/arm64 rpm", utils::Linux, utils::Arm64, utils::Rpm},
+    {"linux/arm64 spk", utils::Linux, utils::Arm64, utils::Spk},
+    {"windows/amd64", utils::Windows, utils::X64, utils::Exe},
+    {"windows/arm64", utils::Windows, utils::Arm64, utils::Exe},
+};
+
+struct Row {
+  std::string platform, url, version, size, md5, verdict;
+  int result = 0;  // the client's result code
+  bool published = true;
+  bool ok = false;
+};
+
+// What the updater's code logs while one platform is checked; download
+// progress becomes one line on standard error.
+class Capture : public KXLogCb {
+ public:
+  void log(unsigned int, unsigned long long, const char*, const char* level, const char*, int, const char*,
+           const char* message) override {
+    const std::string text(message);
+    if (text.rfind("Loading ", 0) == 0) {
+      std::cerr << "\r" << label << ": downloading " << text.substr(8) << std::flush;
+      progress = true;
+      return;
+    }
+    lines.push_back(std::string(level) + " " + text);
+  }
+  bool has(const std::string& prefix) const {
+    for (const std::string& l : lines) {
+      if (l.find(prefix) == 4) return true;
+    }
+    return false;
+  }
+  // The status of the last failed request ("404"), or "-" when it got no
+  // answer at all (with libcurl's reason in *why); "" when none failed.
+  std::string lastStatus(std::string* why = nullptr) const {
+    for (auto it = lines.rbegin(); it != lines.rend(); ++it) {
+      const size_t at = it->find(" failed : [");
+      if (it->rfind("ERR Request ", 0) != 0 || at == std::string::npos) continue;
+      const size_t arrow = it->find("] -> ", at);
+      if (arrow == std::string::npos) return it->substr(at + 11, it->find(']', at) - at - 11);
+      if (why != nullptr) *why = it->substr(arrow + 5);
+      return "-";
+    }
+    return "";
+  }
+  // The last failed request as a reason: "package not found (404)".
+  std::string failure(const std::string& what) const {
+    std::string why;
+    const std::string status = lastStatus(&why);
+    if (status == "-") return "server unreachable (" + why + ")";
+    return what + (status == "404" ? " not found (404)" : " answered " + status);
+  }
+  std::string label;
+  std::vector<std::string> lines;
+  bool progress = false;
+};
+
+// "linux/amd64 deb" -> "linux deb": the platforms that publish one kind.
+std::string kindOf(const std::string& platform) {
+  const size_t blank = platform.find(' ');
+  return platform.substr(0, platform.find('/')) + (blank == std::string::npos ? "" : platform.substr(blank));
+}
+
+bool isLowerHex32(const std::string& s) {
+  return s.size() == 32 && s.find_first_not_of("0123456789abcdef") == std::string::npos;
+}
+
+Row fail(Row row, int result, const std::string& why) {
+  row.result = result;
+  row.verdict = "result " + std::to_string(result) + ": " + why;
+  return row;
+}
+
+Row notPublished(Row row) {
+  row.published = false;
+  row.ok = true;
+  row.verdict = "not published";
+  return row;
+}
+
+Row checkOne(const Target& t, const std::string& server, const std::string& from, bool download, const std::string& tmp,
+             Capture& cap) {
+  Row row;
+  row.platform = t.name;
+  cap.label = t.name;
+  cap.lines.clear();
+  // A client of that platform, fresh: nothing is probed but the server.
+  Updater u;
+  u.serverUrl = server;
+  u.tempDir = tmp;
+  u.os = t.os;
+  u.arch = t.arch;
+  u.distrib = t.distrib;
+  utils::SetuParameter p;
+  try {
+    p = u.getAgentSetup();
+  } catch (const std::exception& e) {
+    const std::string what = e.what();
+    if (cap.has("Parsing error : ")) return fail(row, 11, "definition file cannot be read");
+    if (cap.has("Refused setup name ")) return fail(row, 11, "setup name refused by clients");
+    if (cap.lastStatus() == "-") return fail(row, 11, cap.failure(""));
+    if (what == "Fail to parse agent_setup_def file" || what == "Unsupported distribution") return notPublished(row);
+    Updater::SetupInfo info;
+    if (t.os == utils::Macosx && u.getSetupRootPath(server, utils::agentArchToString(t.arch), info) == 5) {
+      return notPublished(row);
+    }
+    return fail(row, 11, what == "Failed to get any correct setup paths" ? "package has no size" : what);
+  }
+  const bool byDefinition = cap.has("Use agent setup definition file");
+  row.url = p.setupUrl;
+  if (p.setupName.empty()) return fail(row, 2, "no package in " + p.versionUrl.substr(0, p.versionUrl.rfind('/')));
+
+  Version available;
+  int r = u.fetchAvailableVersion(p, available);
+  if (r == 2 && !byDefinition && cap.lastStatus() == "404") return notPublished(row);
+  if (r == 2) return fail(row, 2, cap.failure("version file"));
+  if (r == 5) return fail(row, 5, "published version is not four numbers");
+  row.version = available.toString();
+
+  const std::string md5 = u.fetchExpectedMd5(p);
+  row.md5 = md5.empty() ? "none" : isLowerHex32(md5) ? "ok" : "bad";
+  // What the package was published as, where kx-publish wrote it down.
+  std::string body;
+  std::map<std::string, std::string> headers;
+  char recordedVersion[64] = {};
+  unsigned long long recordedSize = 0;
+  const bool recorded = u.httpClient.get(p.hashUrl, body, headers) == 0 &&
+                        body.find("\n# version ") != std::string::npos &&
+                        std::sscanf(body.c_str() + body.find("\n# version "), "\n# version %63s size %llu",
+                                    recordedVersion, &recordedSize) == 2;
+
+  unsigned long long size = 0;
+  r = u.fetchExpectedSize(p, size);
+  if (r == 2) return fail(row, 2, cap.failure("package"));
+  if (r == 7) return fail(row, 7, "package has no size");
+  row.size = std::to_string(size);
+  if (row.md5 == "bad") return fail(row, 7, "MD5 does not match (every client computes 32 lower-case digits)");
+  if (recorded && recordedVersion != row.version) {
+    row.verdict = std::string("version bumped without its package (published as ") + recordedVersion + ")";
+    return row;
+  }
+  if (recorded && recordedSize != size) {
+    row.verdict = "package changed after its MD5 file was written (" + std::to_string(recordedSize) + " bytes then)";
+    return row;
+  }
+  if (download) {
+    r = u.downloadVerified(p, size, md5);
+    if (cap.progress) std::cerr << "\n";
+    cap.progress = false;
+    boost::system::error_code ec;
+    boost::filesystem::remove(p.setupPath, ec);
+    if (r == 2) return fail(row, 2, cap.failure("package"));
+    if (r == 6) return fail(row, 6, "package size differs from its announced size");
+    if (r == 7) return fail(row, 7, "MD5 does not match");
+    if (!md5.empty()) row.md5 = "verified";
+  }
+  row.ok = true;
+  if (from.empty()) {
+    row.verdict = "would update to " + row.version;
+  } else if (Version::parse(from) < available) {
+    row.verdict = "would update " + from + " -> " + row.version;
+  } else {
+    row.verdict = "up to date";
+  }
+  return row;
+}
+
+void print(const std::vector<Row>& rows, bool json) {
+  if (json) {
+    nlohmann::json out = nlohmann::json::array();
+    for (const Row& r : rows) {
+      out.push_back({{"platform", r.platform},
+                     {"url", r.url},
+                     {"version", r.version},
+                     {"size", r.size},
+                     {"md5", r.md5},
+                     {"verdict", r.verdict},
+                     {"published", r.published},
+                     {"ok", r.ok}});
+    }
+    std::cout << out.dump(2) << "\n";
+    return;
+  }
+  size_t url = 3;
+  for (const Row& r : rows) url = std::max(url, r.url.size());
+  const auto line = [url](const std::string& a, const std::string& b, const std::string& c, const std::string& d,
+                          const std::string& e, const std::string& f) {
+    std::cout << std::left << std::setw(17) << a << std::setw(static_cast<int>(url) + 2) << b << std::setw(12) << c
+              << std::setw(11) << d << std::setw(10) << e << f << "\n";
+  };
+  line("PLATFORM", "URL", "VERSION", "SIZE", "MD5", "VERDICT");
+  for (const Row& r : rows) line(r.platform, r.url, r.version, r.size, r.md5, r.verdict);
+}
+
+}  // namespace
+
+int check(const std::vector<std::string>& args) {
+  std::string server, from;
+  bool download = false, json = false;
+  for (size_t i = 0; i < args.size(); ++i) {
+    if (args[i] == "--from" && i + 1 < args.size()) {
+      from = args[++i];
+      if (!isPublishableVersion(from)) return refuse("--from '" + from + "' is not four numbers such as 7.2.5.0");
+    } else if (args[i] == "--download") {
+      download = true;
+    } else if (args[i] == "--json") {
+      json = true;
+    } else if (server.empty() && args[i].rfind("--", 0) != 0) {
+      server = args[i];
+    } else {
+      return usage("unexpected argument " + args[i]);
+    }
+  }
+  if (server.empty()) return usage("check needs the server's address");
+  // As the updater's command line does: one trailing slash goes.
+  if (server.back() == '/') server.pop_back();
+
+  const boost::filesystem::path tmp =
+      boost::filesystem::temp_directory_path() / boost::filesystem::unique_path("kx-publish-%%%%%%%%");
+  boost::filesystem::create_directory(tmp);
+  Capture cap;
+  KXLog* log = KXLog::getLogger();
+  log->setLevels("ROOT:5;");
+  log->setLogCb(&cap);
+  std::vector<Row> rows;
+  for (const Target& t : kTargets) rows.push_back(checkOne(t, server, from, download, tmp.string(), cap));
+  log->setLogCb(nullptr);
+  boost::system::error_code ec;
+  boost::filesystem::remove_all(tmp, ec);
+
+  // Linux clients of every kind share a legacy directory and its version
+  // file: a kind whose package is missing for every architecture is simply
+  // not published, while one missing for a single architecture is a fault.
+  const char* const missing = "result 2: package not found (404)";
+  for (Row& r : rows) {
+    bool elsewhere = false;
+    for (const Row& other : rows) {
+      elsewhere =
+          elsewhere || (kindOf(other.platform) == kindOf(r.platform) && other.published && other.verdict != missing);
+    }
+    if (!elsewhere && r.verdict == missing) r = notPublished(r);
+  }
+  print(rows, json);
+  bool anyPublished = false, allOk = true;
+  for (const Row& r : rows) {
+    anyPublished = anyPublished || r.published;
+    allOk = allOk && r.ok;
+  }
+  return anyPublished && allOk ? 0 : 1;
+}
+
+}  // namespace publish

@@ -1,0 +1,179 @@
+// kx-publish layout: the tree a static web server serves as an update server.
+// Every location comes from the updater's own tables and resolution code, so
+// the tree is where every client looks.
+#include <boost/filesystem.hpp>
+#include <fstream>
+#include <iostream>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "Publish.h"
+#include "Updater.h"
+#include "utils.h"
+
+namespace fs = boost::filesystem;
+
+namespace publish {
+namespace {
+
+struct Package {
+  Platform platform;
+  int distrib = utils::None;
+  std::string source;  // the file given
+  std::string name;    // its name on the server
+  std::string dir;     // its directory on the server, "/linux/amd64"
+};
+
+bool kindFitsOs(int distrib, int os) {
+  switch (os) {
+    case utils::Windows:
+      return distrib == utils::Exe;
+    case utils::Macosx:
+      return distrib == utils::Pkg || distrib == utils::Dmg;
+    default:
+      return distrib == utils::Deb || distrib == utils::Rpm || distrib == utils::Spk;
+  }
+}
+
+// Where a client without a definition file looks: the legacy layouts, and
+// on macOS the first directory and package name its probe tries.
+void placeLegacy(Package& pkg) {
+  Updater u;
+  u.os = pkg.platform.os;
+  u.arch = pkg.platform.arch;
+  u.distrib = pkg.distrib;
+  if (u.os == utils::Macosx) {
+    const std::string archText = utils::agentArchToString(u.arch);
+    pkg.dir = Updater::probeDirectories(archText)->front();
+    for (const char* name : *Updater::probePackages(archText)) {
+      if (utils::stringToAgentDistrib(name) != pkg.distrib) continue;
+      pkg.name = name;
+      return;
+    }
+    throw std::logic_error("the probe tries no " + pkg.name);
+  }
+  utils::SetuParameter p;
+  try {
+    u.os == utils::Windows ? u.fillDefaultSetupParamForWindows(p) : u.fillDefaultSetupParamForLinux(p);
+  } catch (const std::runtime_error&) {
+  }
+  if (p.setupUrl.empty())
+    throw std::invalid_argument(pkg.platform.name + " " + pkg.name + " has no legacy layout: use --definition");
+  pkg.dir = fs::path(p.setupUrl).parent_path().string();
+  pkg.name = p.setupName;
+}
+
+nlohmann::json definitionOf(const std::vector<Package>& packages) {
+  nlohmann::json entries = nlohmann::json::array();
+  for (const Package& pkg : packages) {
+    entries.push_back(
+        {{"name", pkg.platform.name + " " + utils::agentDistribToString(static_cast<utils::AgentDistrib>(pkg.distrib))},
+         {"path", pkg.dir},
+         {"setup", pkg.name},
+         {"version", "version_long.txt"},
+         {"hash", pkg.name + ".md5"},
+         {"os", pkg.platform.os},
+         {"arch", pkg.platform.arch},
+         {"enable", true}});
+  }
+  // Read back as each client reads it: its own entry must be the one it takes.
+  const std::string text = entries.dump(2);
+  for (const Package& pkg : packages) {
+    Updater u;
+    u.os = pkg.platform.os;
+    u.arch = pkg.platform.arch;
+    u.distrib = pkg.platform.os == utils::Windows ? utils::Exe : pkg.distrib;
+    const utils::AgentSetupDef def = u.parseAgentSetupCfg(text);
+    if (def.setup != pkg.name || def.path != pkg.dir) {
+      throw std::logic_error("a " + pkg.platform.name + " client would not take " + pkg.name);
+    }
+  }
+  return entries;
+}
+
+void writeFile(const fs::path& path, const std::string& text) {
+  std::ofstream out(path.string(), std::ios::binary | std::ios::trunc);
+  out << text;
+  if (!out.flush()) throw std::runtime_error("cannot write " + path.string());
+}
+
+}  // namespace
+
+int layout(const std::vector<std::string>& args) {
+  std::string outDir, version;
+  bool definition = false;
+  std::vector<Package> packages;
+  for (size_t i = 0; i < args.size(); ++i) {
+    const std::string& a = args[i];
+    const size_t eq = a.find('=');
+    if (a == "--version" && i + 1 < args.size()) {
+      version = args[++i];
+    } else if (a == "--definition") {
+      definition = true;
+    } else if (a.rfind("--", 0) != 0 && eq != std::string::npos) {
+      Package pkg;
+      if (!parsePlatform(a.substr(0, eq), pkg.platform)) return usage("unknown platform " + a.substr(0, eq));
+      pkg.source = a.substr(eq + 1);
+      pkg.name = fs::path(pkg.source).filename().string();
+      packages.push_back(pkg);
+    } else if (outDir.empty() && a.rfind("--", 0) != 0) {
+      outDir = a;
+    } else {
+      return usage("unexpected argument " + a);
+    }
+  }
+  if (outDir.empty() || packages.empty()) return usage("layout needs an output directory and at least one package");
+  if (!isPublishableVersion(version)) return refuse("version '" + version + "' is not four numbers such as 7.3.0.0");
+
+  std::map<std::string, std::string> taken;  // server path -> argument that claimed it
+  for (Package& pkg : packages) {
+    if (!utils::isPlainName(pkg.name)) {
+      return refuse("file name '" + pkg.name + "' holds blanks or shell characters; clients refuse it");
+    }
+    pkg.distrib = utils::stringToAgentDistrib(pkg.name);
+    if (pkg.distrib == utils::None) return refuse("unknown package kind: " + pkg.name);
+    if (!kindFitsOs(pkg.distrib, pkg.platform.os)) return refuse(pkg.name + " is no package for " + pkg.platform.name);
+    if (!fs::is_regular_file(pkg.source)) return refuse("no such file: " + pkg.source);
+    // One macOS package per architecture: its probe stops at the first.
+    const std::string kind = pkg.platform.os == utils::Macosx ? "" : pkg.name.substr(pkg.name.rfind('.'));
+    if (!taken.emplace(pkg.platform.name + kind, pkg.source).second) {
+      return refuse("two packages for " + pkg.platform.name + (kind.empty() ? "" : " " + kind.substr(1)));
+    }
+    try {
+      if (definition) {
+        pkg.dir = "/" + pkg.platform.name;
+      } else {
+        placeLegacy(pkg);
+      }
+    } catch (const std::invalid_argument& e) {
+      return refuse(e.what());
+    }
+    const std::string at = pkg.dir + "/" + pkg.name;
+    const auto [it, fresh] = taken.emplace(at, pkg.platform.name);
+    if (!fresh) return refuse(pkg.platform.name + " and " + it->second + " would both be " + at + ": use --definition");
+  }
+
+  for (const Package& pkg : packages) {
+    const fs::path dir = fs::path(outDir) / pkg.dir;
+    fs::create_directories(dir);
+    fs::copy_file(pkg.source, dir / pkg.name, fs::copy_options::overwrite_existing);
+    // The client takes the sum up to the first blank; the comment line, which
+    // checksum tools skip too, records what was published, so that check can
+    // tell a version bumped without its package, or a package changed after
+    // its sum was written.
+    writeFile(dir / (pkg.name + ".md5"), utils::computeMD5(pkg.source) + "  " + pkg.name + "\n# version " + version +
+                                             " size " + std::to_string(fs::file_size(pkg.source)) + "\n");
+    writeFile(dir / "version_long.txt", version + "\n");
+    std::cout << pkg.platform.name << ": " << pkg.dir << "/" << pkg.name << "\n";
+  }
+  if (definition) {
+    writeFile(fs::path(outDir) / "agent_setup_def.json", definitionOf(packages).dump(2) + "\n");
+    std::cout << "definition: /agent_setup_def.json\n";
+  }
+  return 0;
+}
+
+}  // namespace publish

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+// kx-publish: lays out a release as an update server serves it, and checks a
+// live server by replaying, for every platform, the resolution, version, size
+// and sum steps of the updater's own code (linked from kxupdater_core).
+namespace publish {
+
+// A platform as the publisher names it: "<os>/<arch>", os macos, linux or
+// windows, arch amd64 or arm64; with the codes the updater uses for them.
+struct Platform {
+  std::string name;
+  int os = 0;
+  int arch = 0;
+};
+// false for a name outside those six.
+bool parsePlatform(const std::string& name, Platform& out);
+
+// A version a publisher may write: four decimal numbers that the client
+// reads back as exactly themselves.
+bool isPublishableVersion(const std::string& text);
+
+// The two commands; args exclude the command word. Both return the exit
+// status: 0, 1 (a check failed or a file could not be written), 2 (usage).
+int layout(const std::vector<std::string>& args);
+int check(const std::vector<std::string>& args);
+
+// Print the message (and, for usage, the usage) on standard error; both
+// return 2.
+int usage(const std::string& message);
+int refuse(const std::string& message);
+
+}  // namespace publish

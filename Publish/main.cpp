@@ -1,0 +1,59 @@
+// kx-publish layout|check ...: see Publish.h and the README.
+#include <cstdio>
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include "Publish.h"
+#include "Version.h"
+
+namespace publish {
+
+bool parsePlatform(const std::string& name, Platform& out) {
+  static const struct {
+    const char* word;
+    int code;
+  } kOs[] = {{"windows", 1}, {"macos", 2}, {"linux", 3}}, kArch[] = {{"amd64", 1}, {"arm64", 2}};
+  const size_t slash = name.find('/');
+  out = Platform{name, 0, 0};
+  for (const auto& o : kOs) {
+    if (name.compare(0, slash, o.word) == 0 && slash == std::string(o.word).size()) out.os = o.code;
+  }
+  for (const auto& a : kArch) {
+    if (slash != std::string::npos && name.compare(slash + 1, std::string::npos, a.word) == 0) out.arch = a.code;
+  }
+  return out.os != 0 && out.arch != 0;
+}
+
+bool isPublishableVersion(const std::string& text) {
+  const Version v = Version::parse(text);
+  return v.major >= 0 && v.minor >= 0 && v.third >= 0 && v.fourth >= 0 && v.toString() == text;
+}
+
+int refuse(const std::string& message) {
+  std::cerr << "kx-publish: " << message << "\n";
+  return 2;
+}
+
+int usage(const std::string& message) {
+  if (!message.empty()) std::cerr << "kx-publish: " << message << "\n";
+  std::cerr << "usage: kx-publish layout <out-dir> --version <a.b.c.d> [--definition] <os>/<arch>=<package>...\n"
+               "       kx-publish check <server-url> [--from <a.b.c.d>] [--download] [--json]\n"
+               "  os: macos, linux, windows; arch: amd64, arm64; package: .dmg .pkg .deb .rpm .exe .spk\n";
+  return 2;
+}
+
+}  // namespace publish
+
+int main(int argc, char** argv) {
+  const std::vector<std::string> args(argv + (argc > 1 ? 2 : argc), argv + argc);
+  const std::string command = argc > 1 ? argv[1] : "";
+  try {
+    if (command == "layout") return publish::layout(args);
+    if (command == "check") return publish::check(args);
+    return publish::usage(command.empty() ? "" : "unknown command " + command);
+  } catch (const std::exception& e) {
+    std::cerr << "kx-publish: " << e.what() << "\n";
+    return 1;
+  }
+}
