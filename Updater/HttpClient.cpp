@@ -1,14 +1,22 @@
 #include "HttpClient.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
+#include <condition_variable>
 #include <cstdint>
 #include <cstdio>
 #include <locale>
+#include <memory>
+#include <mutex>
+#include <thread>
 
 #include <curl/curl.h>
 
+#include "KXHash.h"
 #include "KXLog.h"
 #include "osal_file.h"
 #include "utils.h"
@@ -17,19 +25,107 @@ namespace {
 
 // "wb", but the file usually lands in a shared temporary directory and the
 // program runs as root: a link or a hard link planted there is never written
-// through (osal_openOwned).
+// through (osal_openOwned). Unbuffered, so that every write has reached the
+// file when it returns; readable, for the Follower.
 FILE* openForDownload(const std::string& path) {
   int fd = -1;
-  if (osal_openOwned(path.c_str(), O_TRUNC, &fd) != 0) return nullptr;
+  if (osal_openOwned(path.c_str(), O_TRUNC | O_RDWR, &fd) != 0) return nullptr;
   FILE* file = fdopen(fd, "wb");
-  if (file == nullptr) close(fd);
+  if (file == nullptr) {
+    close(fd);
+    return nullptr;
+  }
+  setvbuf(file, nullptr, _IONBF, 0);
   return file;
 }
 
-// Where a download writes: the file, and how much more it may take.
+// Hashes a download while it lands: a thread reads the file back behind the
+// writer, through the same descriptor, so that receiving and hashing overlap
+// (the slower of the two sets the pace, not their sum) and what is hashed is
+// what the file holds, not what was received.
+class Follower {
+ public:
+  explicit Follower(int fd) : _fd(fd), _thread(&Follower::run, this) {}
+  ~Follower() { stop(); }
+  Follower(const Follower&) = delete;
+  Follower& operator=(const Follower&) = delete;
+
+  // The file now holds `bytes` bytes.
+  void wrote(uint64_t bytes) {
+    {
+      const std::lock_guard<std::mutex> lock(_mutex);
+      _written = bytes;
+    }
+    _wake.notify_one();
+  }
+
+  // Lower-case MD5 of the whole file, or "" when it could not all be read
+  // back (the caller then reads it again from the start).
+  std::string finish() {
+    stop();
+    struct stat st {};
+    if (_failed || fstat(_fd, &st) != 0 || static_cast<uint64_t>(st.st_size) != _hashed) return std::string();
+    unsigned char hex[33] = {};
+    _hash.getHex(hex);
+    return utils::lowerCase(reinterpret_cast<const char*>(hex));
+  }
+
+ private:
+  static constexpr size_t kChunk = 1 << 20;
+
+  void stop() {
+    {
+      const std::lock_guard<std::mutex> lock(_mutex);
+      _stopping = true;
+    }
+    _wake.notify_one();
+    if (_thread.joinable()) _thread.join();
+  }
+
+  void run() {
+    const std::unique_ptr<char[]> buffer(new char[kChunk]);
+    for (;;) {
+      uint64_t target = 0;
+      bool last = false;
+      {
+        std::unique_lock<std::mutex> lock(_mutex);
+        _wake.wait(lock, [this] { return _written > _hashed || _stopping; });
+        target = _written;
+        last = _stopping;
+      }
+      while (_hashed < target) {
+        const ssize_t n = pread(_fd, buffer.get(), static_cast<size_t>(std::min<uint64_t>(kChunk, target - _hashed)),
+                                static_cast<off_t>(_hashed));
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+          _failed = true;
+          return;
+        }
+        _hash.update(buffer.get(), static_cast<unsigned int>(n));
+        _hashed += static_cast<uint64_t>(n);
+      }
+      if (last) return;
+    }
+  }
+
+  const int _fd;
+  KXHashMD5 _hash;
+  uint64_t _hashed = 0;  // the thread's own until it is joined
+  bool _failed = false;
+  std::mutex _mutex;
+  std::condition_variable _wake;
+  uint64_t _written = 0;
+  bool _stopping = false;
+  std::thread _thread;  // last: starts once everything it uses exists
+};
+
+// Where a download writes: the file, how much more it may take, and who
+// follows it.
 struct DownloadTarget {
   FILE* file;
   uint64_t room;
+  Follower* follower;
+  uint64_t written = 0;
   bool overflowed = false;
 };
 
@@ -51,13 +147,13 @@ int xferInfoAdapter(void* clientp, curl_off_t dltotal, curl_off_t dlnow, curl_of
 size_t writeLimited(void* data, size_t size, size_t nmemb, void* userp) {
   auto& target = *static_cast<DownloadTarget*>(userp);
   const size_t n = size * nmemb;
-  if (n <= target.room) {
-    target.room -= n;
-    return HttpClient::readFileResponseCb(data, size, nmemb, target.file);
-  }
-  std::fwrite(data, 1, static_cast<size_t>(target.room), target.file);
-  target.room = 0;
-  target.overflowed = true;
+  const size_t kept = n <= target.room ? n : static_cast<size_t>(target.room);
+  const size_t written = HttpClient::readFileResponseCb(data, 1, kept, target.file);
+  target.room -= written;
+  target.written += written;
+  if (target.follower != nullptr) target.follower->wrote(target.written);
+  if (written == n) return n;
+  target.overflowed = written == kept;
   return 0;
 }
 
@@ -162,7 +258,7 @@ int HttpClient::head(const std::string& url, std::map<std::string, std::string>&
 }
 
 int HttpClient::download(const std::string& url, const std::string& path, std::map<std::string, std::string>& headers,
-                         uint64_t limit) {
+                         uint64_t limit, std::string* md5) {
   if (!init()) return -1;
   headers.clear();
   curl_easy_setopt(handle, CURLOPT_URL, (config + url).c_str());
@@ -171,7 +267,8 @@ int HttpClient::download(const std::string& url, const std::string& path, std::m
   int lastPercent = 0;
   // One byte past the limit is kept, so that the file is of the wrong size
   // rather than a plausible prefix of something longer.
-  DownloadTarget target{file, limit == kNoLimit ? kNoLimit : limit + 1};
+  std::unique_ptr<Follower> follower(md5 != nullptr ? new Follower(fileno(file)) : nullptr);
+  DownloadTarget target{file, limit == kNoLimit ? kNoLimit : limit + 1, follower.get()};
   curl_easy_setopt(handle, CURLOPT_NOBODY, 0L);
   curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, &writeLimited);
   curl_easy_setopt(handle, CURLOPT_WRITEDATA, &target);
@@ -196,6 +293,7 @@ int HttpClient::download(const std::string& url, const std::string& path, std::m
   // allowed to fill the disk; what was kept is a complete (if wrong-sized)
   // download for the caller's size check.
   if (rc == CURLE_WRITE_ERROR && target.overflowed) rc = CURLE_OK;
+  if (follower != nullptr) *md5 = follower->finish();
   return finishRequest(handle, rc, url, kGetStatusFailure, file);
 }
 

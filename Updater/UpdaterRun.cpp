@@ -401,7 +401,9 @@ int Updater::downloadVerified(const utils::SetuParameter& p, unsigned long long 
   std::map<std::string, std::string> headers;
   enum class Outcome { NotTried, WrongSize, WrongHash, Accepted } outcome = Outcome::NotTried;
   for (int attempt = 0; attempt < kDownloadAttempts && outcome != Outcome::Accepted; ++attempt) {
-    const int c = httpClient.download(p.setupUrl, p.setupPath, headers, expectedSize);
+    std::string streamed;
+    const int c =
+        httpClient.download(p.setupUrl, p.setupPath, headers, expectedSize, expectedMd5.empty() ? nullptr : &streamed);
     if (c != 0) {
       KXLOG(KXLM_ROOT, KXLL_ERR, "'Fail to download setup file: [" << c << "]");
       return 2;
@@ -419,7 +421,8 @@ int Updater::downloadVerified(const utils::SetuParameter& p, unsigned long long 
       outcome = Outcome::Accepted;
       continue;
     }
-    const std::string computed = utils::computeMD5(p.setupPath);
+    // Hashed as it was written; read again only if that fell short.
+    const std::string computed = streamed.empty() ? utils::computeMD5(p.setupPath) : streamed;
     if (computed == expectedMd5) {
       KXLOG(KXLM_ROOT, KXLL_NFY, "Computed md5 is " << computed);
       outcome = Outcome::Accepted;

@@ -241,7 +241,11 @@ int getContentLength(const std::map<std::string, std::string>& headers, unsigned
 std::string computeMD5(const std::string& path) {
   unsigned char hex[33] = {};
   KXHashMD5::computeFileHexHash(reinterpret_cast<const unsigned char*>(path.c_str()), hex);
-  std::string out(reinterpret_cast<const char*>(hex));
+  return lowerCase(reinterpret_cast<const char*>(hex));
+}
+
+std::string lowerCase(const std::string& text) {
+  std::string out(text);
   for (char& c : out) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
   return out;
 }

@@ -101,6 +101,8 @@ std::string decodeURL(const std::string& hex);
 int getContentLength(const std::map<std::string, std::string>& headers, unsigned long long& size);
 // MD5 of the file as 32 lower-case hex digits.
 std::string computeMD5(const std::string& path);
+// text with A-Z turned into a-z; the sums are compared in lower case.
+std::string lowerCase(const std::string& text);
 // The version inside a setup file cannot be read: always -1.-1.-1.-1.
 Version getSetupVersion(const std::string& path);
 

@@ -69,7 +69,7 @@ bool isOwnedRegularFile(int fd) {
 int openNoFollow(const char* path, int flags) {
   int rc;
   do {
-    rc = open(path, flags | O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644);
+    rc = open(path, flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644);
   } while (rc < 0 && errno == EINTR);
   return rc;
 }
@@ -83,7 +83,7 @@ int blocking(int fd) {
 }  // namespace
 
 int osal_openOwned(const char* path, int flags, int* fd) {
-  const int extra = flags & O_APPEND;
+  const int extra = (flags & O_APPEND) | ((flags & O_RDWR) != 0 ? O_RDWR : O_WRONLY);
   int rc = openNoFollow(path, O_CREAT | extra);
   if (rc >= 0 && !isOwnedRegularFile(rc)) {
     close(rc);
