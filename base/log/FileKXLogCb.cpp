@@ -54,15 +54,19 @@ void FileKXLogCb::open() {
   _size = static_cast<long long>(st.st_size);
 }
 
-std::string FileKXLogCb::shortFileName(const char* file) {
+namespace {
+const char* shortName(const char* file) {
   const char* f = orEmpty(file);
   const char* slash = strrchr(f, '/');
   const char* backslash = strrchr(f, '\\');
   const char* sep = slash > backslash ? slash : backslash;
   if (sep != nullptr) return sep + 1;
   const size_t len = strlen(f);
-  return len > kShortFileMax ? std::string(f + len - kShortFileMax) : std::string(f);
+  return len > kShortFileMax ? f + len - kShortFileMax : f;
 }
+}  // namespace
+
+std::string FileKXLogCb::shortFileName(const char* file) { return shortName(file); }
 
 std::string FileKXLogCb::backupName(const std::string& path) {
   // Four characters go whatever the extension is: "agent_upd.log" gives
@@ -83,12 +87,13 @@ void FileKXLogCb::log(unsigned int /*pid*/, unsigned long long /*tid*/, const ch
   char lineNo[16];
   const auto conv = std::to_chars(lineNo, lineNo + sizeof lineNo, line);
 
-  // The whole line is built first so that the size check can include it.
-  std::string text;
-  text.reserve(96 + strlen(orEmpty(message)));
+  // The whole line is built first so that the size check can include it,
+  // in a buffer that is kept: no allocation per line.
+  std::string& text = _line;
+  text.clear();
   text.append("[").append(_stamp).append("] - ");
   text.append(orEmpty(module)).append(":").append(orEmpty(level));
-  text.append(" - [ (").append(shortFileName(file)).append(":");
+  text.append(" - [ (").append(shortName(file)).append(":");
   text.append(lineNo, conv.ptr).append(")] - ").append(orEmpty(message));
 
   // _size is -1 once the sink has failed, so a sink that could not reopen

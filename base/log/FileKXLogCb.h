@@ -57,6 +57,7 @@ class FileKXLogCb : public KXLogCb {
   long long _size = -1;
   std::string path;
   bool echo;
+  std::string _line;
   // The time stamp of the last line, remade only when the second changes.
   long long _stampSecond = -1;
   char _stamp[100] = {};

@@ -135,8 +135,9 @@ void KXLog::setLevels(const char* config) {
 void KXLog::prepareLog(KXLogMType module, int level, const char* file, int line, const char* function) {
   KXLogCb* cb = _cb.load(std::memory_order_relaxed);
   if (cb == nullptr) return;
-  const std::string text = _stream.str();
-  cb->log(osal_getPid(), osal_getThreadID(), moduleTags[module], levelNames[level], file, line, function, text.c_str());
+  // The statement ended the message with a NUL: the sink reads it in place.
+  cb->log(osal_getPid(), osal_getThreadID(), moduleTags[module], levelNames[level], file, line, function,
+          _stream.text());
 }
 
 void KXLog::KXLogDefCb::log(unsigned int pid, unsigned long long tid, const char* module, const char* level,

@@ -61,8 +61,8 @@ void KXStreamLogger::clear() {
   // message would be copied out at that length. Only the buffer is swapped:
   // the format flags stay in force across messages.
   if (tellp() > static_cast<std::streamoff>(kKeptBuffer)) {
-    std::stringbuf fresh(std::ios_base::out);
-    rdbuf()->swap(fresh);
+    Buffer fresh;
+    _buf.swap(fresh);
   }
   if (!seekp(0)) setstate(std::ios_base::failbit);
   std::ios::clear();

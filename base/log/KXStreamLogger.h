@@ -64,6 +64,17 @@ class KXStreamLogger : public std::ostringstream {
   enum Base { Oct = 0, Dec = 1, Hex = 2 };
   enum Spec { Endl = 0 };
 
+  // Writes go to a buffer of our own, whose text a sink can read in place.
+  KXStreamLogger() { std::ios::rdbuf(&_buf); }
+  KXStreamLogger(const KXStreamLogger&) = delete;
+  KXStreamLogger& operator=(const KXStreamLogger&) = delete;
+
+  // The whole buffer, stale tail of longer earlier messages included.
+  std::string str() const { return _buf.str(); }
+  // The start of the buffer: a message that the logging statement ended with
+  // its NUL reads as a C string from here, without a copy.
+  const char* text() const { return _buf.begin(); }
+
   // Rewinds the write position without emptying the buffer: the text of an
   // earlier, longer message stays behind it. Messages therefore end with a
   // NUL that the sink stops at; the two go together. A buffer grown past
@@ -102,6 +113,14 @@ class KXStreamLogger : public std::ostringstream {
   KXStreamLogger& operator<<(KXTunableType t);
 
  private:
+  class Buffer : public std::stringbuf {
+   public:
+    Buffer() : std::stringbuf(std::ios_base::out) {}
+    const char* begin() const { return pbase() != nullptr ? pbase() : ""; }
+  };
+
+  Buffer _buf;
+
   template <class T>
   KXStreamLogger& insert(T v) {
     static_cast<std::ostream&>(*this) << v;
