@@ -52,7 +52,7 @@ class HttpClient {
                uint64_t limit = kNoLimit, std::string* md5 = nullptr);
 
   // Largest body get() keeps; a longer one fails the request (-1).
-  static constexpr size_t kMaxTextBody = 4 * 1024 * 1024;
+  static constexpr size_t kMaxTextBody = size_t{4} * 1024 * 1024;
 
   // libcurl callbacks, public so that their rules can be exercised directly.
   // Appends to the std::string at userp; refuses (returns 0) what would take

@@ -39,6 +39,7 @@ void startClean() {
 
 int spawnAndWait(const std::vector<std::string>& args, bool viaPath) {
   std::vector<char*> argv;
+  argv.reserve(args.size() + 1);
   for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
   argv.push_back(nullptr);
   const pid_t pid = fork();

@@ -80,7 +80,7 @@ class KXStreamLogger : public std::ostringstream {
   // NUL that the sink stops at; the two go together. A buffer grown past
   // kKeptBuffer by the last message is released first.
   void clear();
-  static constexpr size_t kKeptBuffer = 64 * 1024;
+  static constexpr size_t kKeptBuffer = size_t{64} * 1024;
 
   KXStreamLogger& operator<<(char c);
   KXStreamLogger& operator<<(unsigned char c);
