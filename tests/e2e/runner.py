@@ -208,7 +208,7 @@ class Case:
                        ASAN_OPTIONS=os.environ.get("ASAN_OPTIONS", "") + ":verify_asan_link_order=0")
         env.update({k: self.subst(v) for k, v in self.env.items()})
         # /etc/opt hidden behind a tmpfs of the run's own: no real configuration is read or written.
-        setup = [] if "shared" in o else ["mount -t tmpfs -o mode=0755 tmpfs /etc/opt"]
+        setup = ["mount -t tmpfs -o mode=0755 tmpfs /etc/opt"]
         for i, (instance, content) in enumerate(self.configs):
             Path(self.path(f"cfg{i}")).write_bytes(content)
             d = "/etc/opt/kx/conf" + ("." + instance if instance else "")
@@ -222,8 +222,7 @@ class Case:
         # Copied where another user can reach it, whatever the mode of the checkout's directories.
         program = shutil.copy(self.program, self.path("update")) if "user" in o else self.program
         cmd = ['sh', '-c', 'echo $$ > "$0" && exec "$@"', self.path("pid"), *prefix, program, *[self.subst(a) for a in args]]
-        if setup:
-            cmd = ["unshare", "-m", "--propagation", "private", "sh", "-ec", " && ".join(setup) + ' && exec "$@"', "-", *cmd]
+        cmd = ["unshare", "-m", "--propagation", "private", "sh", "-ec", " && ".join(setup) + ' && exec "$@"', "-", *cmd]
         umask, fsize = int(o.get("umask", "022"), 8), int(o.get("fsize", 64 << 20))
 
         def child():
@@ -372,7 +371,7 @@ def setup(case, key, rest):
         case.configs.append((words[1] if len(words) > 1 else "", body_of(case.subst(words[0]), case)))
     elif key in ("chown", "chmod"):
         getattr(os, key)(case.where(words[1]), *((int(words[0]), ) * 2 if key == "chown" else (int(words[0], 8), )))
-    elif key in ("arch32", "lenient", "tls", "shared", "frozen", "valgrind"):
+    elif key in ("arch32", "lenient", "tls", "frozen", "valgrind"):
         case.opts[key] = True
     elif key in ("umask", "timeout", "fsize", "user", "logfile", "disk", "stdout", "parallel", "published"):
         case.opts[key] = case.subst(rest)
