@@ -32,8 +32,8 @@ FLOWS = {
 }
 
 
+# Words at blanks; shell quoting only where the text has quotes, so that an unquoted \n stays as written.
 def split(text):
-    """Words at blanks; shell quoting only where the text has quotes, so that an unquoted \\n stays as written."""
     return shlex.split(text) if re.search("['\"]", text) else text.split()
 
 
@@ -41,8 +41,8 @@ def unescape(text):
     return text.encode("latin-1", "backslashreplace").decode("unicode_escape").encode("latin-1")
 
 
+# The BODY of an answer or of a planted file (see update.cases).
 def body_of(spec, case):
-    """The BODY of an answer or of a planted file (see update.cases)."""
     if m := re.fullmatch(r"pkg([+-]\d+)?", spec):
         return (case.package * 2)[:len(case.package) + int(m.group(1) or 0)]
     if m := re.fullmatch(r"(junk|lines):(\d+)", spec):
@@ -184,8 +184,8 @@ class Case:
             out += (self.expand(one.split(), table, sep) if macro else [self.subst(one.replace(sep, " ", 1) if sep else one)]) * int(times or 1)
         return out
 
+    # What an attacker would do, aimed at decoys in $W: a decoy must stay as it was.
     def plant(self, kind, where, arg=None):
-        """What an attacker would do, aimed at decoys in $W: a decoy must stay as it was."""
         where, arg = self.where(where), arg and self.subst(arg)
         if kind in ("link", "hardlink", "decoy"):
             if kind == "hardlink" and not os.path.exists(arg):
@@ -331,8 +331,8 @@ class Case:
             self.failures.append(f"unexpected requests: {self.unexpected}")
 
 
+# The (key, rest) statements of the file's preamble and of the case; " ; " separates statements on a line.
 def statements(path, name):
-    """The (key, rest) statements of the file's preamble and of the case; " ; " separates statements on a line."""
     out, found, taking = [], False, True
     for line in map(str.strip, open(path)):
         if line.startswith("case "):
@@ -346,8 +346,8 @@ def statements(path, name):
     return [(k, r.strip()) for k, r in out]
 
 
+# One set-up statement; False for a statement that is not one.
 def setup(case, key, rest):
-    """One set-up statement; False for a statement that is not one."""
     words = rest.split(None, 2) if key == "plant" else split(rest) if key in ("serve", "lock", "config", "chown", "chmod", "run", "argv") else []
     if key == "flow":
         case.set_flow(rest)
