@@ -399,16 +399,17 @@ def main():
             if not setup(case, key, rest):
                 case.batch or case.run(["$URL", "7.2.0.1"])
                 case.check(key, rest) if key else case.invariants()
-    finally:
+        if case.failures:
+            status, out, err = case.batch[-1] if case.batch else ("-", "", "")
+            print(f"FAILED {name} (exit {status})", *("- " + f for f in case.failures), "--- log ---", *case.messages(),
+                  "--- calls ---", *case.calls(), "--- requests ---", *case.requests, "--- stdout ---", out[:5000],
+                  "--- stderr ---", err[:5000], sep="\n")
+        return 1 if case.failures else 0
+    finally:  # also after an error of the runner itself: nothing stays behind
         case.stopping.set()
         for s in case.servers:
             s.shutdown()
-    if case.failures:
-        status, out, err = case.batch[-1] if case.batch else ("-", "", "")
-        print(f"FAILED {name} (exit {status})", *("- " + f for f in case.failures), "--- log ---", *case.messages(), "--- calls ---",
-              *case.calls(), "--- requests ---", *case.requests, "--- stdout ---", out[:5000], "--- stderr ---", err[:5000], sep="\n")
-    shutil.rmtree(case.dir, ignore_errors=True)
-    return 1 if case.failures else 0
+        shutil.rmtree(case.dir, ignore_errors=True)
 
 
 if __name__ == "__main__":
