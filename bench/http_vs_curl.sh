@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # HttpClient::download (through kx_fetch) against `curl -s -o`, fetching the
-# same file from the same loopback server (kx_test_server, which streams it
-# from disk), in alternating rounds. Reports wall time and peak resident
+# same file from the same loopback server (python3 -m http.server, which
+# streams it from disk), in alternating rounds. Reports wall time and peak resident
 # memory of each; a small file is fetched too, to show whether memory grows
 # with the size. Run by hand on an otherwise idle machine; not part of CI.
 #
@@ -15,7 +15,7 @@ rounds=${3:-5}
 small_mib=16
 bin=$build/bin
 
-for tool in "$bin/kx_fetch" "$bin/kx_test_server" /usr/bin/time "$(command -v curl)"; do
+for tool in "$bin/kx_fetch" /usr/bin/time "$(command -v curl)" "$(command -v python3)"; do
   [[ -x $tool ]] || { echo "http_vs_curl: missing $tool (build first: cmake --build $build)" >&2; exit 1; }
 done
 
@@ -35,7 +35,7 @@ echo "preparing ${size_mib} MiB and ${small_mib} MiB files in $work"
 head -c $((size_mib << 20)) /dev/urandom >"$work/root/big.bin"
 head -c $((small_mib << 20)) /dev/urandom >"$work/root/small.bin"
 
-kx_start_server "$bin/kx_test_server" --root "$work/root" || { echo "http_vs_curl: server did not start" >&2; exit 1; }
+kx_start_server "$work/root" || { echo "http_vs_curl: server did not start" >&2; exit 1; }
 url=http://127.0.0.1:$KX_SERVER_PORT
 
 # run <tool> <file>: one fetch into $work/out; prints "<wall s> <cpu s> <peak KiB>".

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # A whole update run against `curl -s -o pkg URL && md5sum pkg`: the same
-# package from the same loopback server (kx_test_server, streaming it from
+# package from the same loopback server (python3 -m http.server, streaming it from
 # disk), in alternating rounds. The update run is the real program of the
 # Linux flow: probe, version check, hash file, HEAD, download, MD5, and the
 # service commands (stand-ins that only record, in a scratch directory). It
@@ -22,7 +22,7 @@ limit_kib=$((32 * 1024))
 
 update=$build/bin/update-linux
 [[ -x $update ]] || update=$build/bin/update
-for tool in "$update" "$build/bin/kx_test_server" /usr/bin/time "$(command -v curl)" "$(command -v md5sum)"; do
+for tool in "$update" /usr/bin/time "$(command -v curl)" "$(command -v md5sum)" "$(command -v python3)"; do
   [[ -x $tool ]] || { echo "update_vs_curl: missing $tool (build first: cmake --build $build)" >&2; exit 1; }
 done
 [[ $(id -u) -eq 0 ]] || { echo "update_vs_curl: run as root (the update program needs it)" >&2; exit 1; }
@@ -44,9 +44,9 @@ echo "preparing a ${size_mib} MiB package in $work"
 head -c $((size_mib << 20)) /dev/urandom >"$pkg_dir/setup.deb"
 (cd "$pkg_dir" && md5sum setup.deb >setup.deb.md5)
 printf '7.3.0.0\n' >"$pkg_dir/version_long.txt"
-kx_install_shims "$(dirname "$0")/../tests/support/shims/shim" "$work/bin" systemctl dpkg apt-get rpm dnf
+kx_install_shims tests/e2e/shim "$work/bin" systemctl dpkg apt-get rpm dnf
 
-kx_start_server "$build/bin/kx_test_server" --root "$work/root" ||
+kx_start_server "$work/root" ||
   { echo "update_vs_curl: server did not start" >&2; exit 1; }
 url=http://127.0.0.1:$KX_SERVER_PORT
 hex_url=$(kx_hex "$url")
@@ -56,7 +56,7 @@ run_update() {
   # Each run starts afresh: no lock from the previous one, no old download.
   rm -f "$work/tmp/upgrade_ovk.lock" "$work/tmp/setup.deb" "$work/tmp/agent_upd.log"
   : >"$work/calls.log"
-  env TMPDIR="$work/tmp" KX_AGENT_INSTANCE="bench-$$" PATH="$work/bin:$PATH" KX_SHIM_RECORD="$work/calls.log" \
+  env TMPDIR="$work/tmp" KX_AGENT_INSTANCE="bench-$$" PATH="$work/bin:$PATH" KX_SHIM_RECORD="$work/calls.log" KX_SHIM_DIR="$work/bin" \
     /usr/bin/time -f "%e %U %S %M" -o "$work/time" "$update" "$hex_url" 7.2.0.1 >/dev/null
   grep -q "Agent Update done" "$work/tmp/agent_upd.log" || { echo "update: no update done" >&2; exit 1; }
   grep -q "^dpkg -i $work/tmp/setup.deb$" "$work/calls.log" || { echo "update: nothing installed" >&2; exit 1; }

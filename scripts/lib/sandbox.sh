@@ -1,7 +1,7 @@
 # shellcheck shell=bash
 # Shell helpers shared by the scripts that run the real program against a
-# loopback kx_test_server: the demo, the benchmarks and the valgrind test.
-# Source it; nothing runs on its own.
+# loopback static-file server: the demo and the benchmarks. Source it;
+# nothing runs on its own.
 
 # Directory of the legacy Linux layout for this machine's processor
 # ("amd64", "aarch64"); nothing, and status 1, for any other processor.
@@ -30,16 +30,19 @@ kx_install_shims() {
   done
 }
 
-# Starts a server program that prints its port as its first line, and waits
-# for that line (as long as the start takes, at most 20 s). Sets
-# KX_SERVER_PID and KX_SERVER_PORT; status 1 when it did not start.
-#   kx_start_server <program> <args>...
+# Serves a directory on 127.0.0.1 with Python's static-file server (HEAD with
+# the size, 404 for what is missing, one line per request on its standard
+# error), and waits for it to listen (as long as the start takes, at most
+# 20 s). Sets KX_SERVER_PID and KX_SERVER_PORT; status 1 when it did not start.
+#   kx_start_server <directory> [<request log>]
 kx_start_server() {
-  coproc KX_SERVER_IO { exec "$@"; }
+  local line
+  coproc KX_SERVER_IO { exec python3 -u -m http.server --bind 127.0.0.1 --directory "$1" 0 2>"${2:-/dev/null}"; }
   KX_SERVER_PID=$KX_SERVER_IO_PID
   KX_SERVER_PORT=
-  read -r -t 20 KX_SERVER_PORT <&"${KX_SERVER_IO[0]}" || return 1
-  [[ $KX_SERVER_PORT =~ ^[0-9]+$ ]]
+  read -r -t 20 line <&"${KX_SERVER_IO[0]}" || return 1
+  [[ $line =~ port\ ([0-9]+) ]] && KX_SERVER_PORT=${BASH_REMATCH[1]}
+  [[ -n $KX_SERVER_PORT ]]
 }
 
 # Stops the server started by kx_start_server, if any; safe to call twice.
