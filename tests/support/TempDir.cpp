@@ -22,26 +22,20 @@ TempDir::TempDir(bool setTmpdir) : _setTmpdir(setTmpdir) {
 }
 
 TempDir::~TempDir() {
-  if (_setTmpdir) {
-    if (_hadTmpdir) {
-      setenv("TMPDIR", _oldTmpdir.c_str(), 1);
-    } else {
-      unsetenv("TMPDIR");
-    }
-  }
+  if (_setTmpdir && _hadTmpdir) setenv("TMPDIR", _oldTmpdir.c_str(), 1);
+  if (_setTmpdir && !_hadTmpdir) unsetenv("TMPDIR");
   boost::system::error_code ec;
   boost::filesystem::remove_all(_path, ec);
 }
 
 std::string readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
   std::ostringstream out;
-  out << in.rdbuf();
+  out << std::ifstream(path, std::ios::binary).rdbuf();
   return out.str();
 }
 
 void writeFile(const std::string& path, const std::string& content) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out << content;
-  if (!out) throw std::runtime_error("cannot write " + path);
+  if (!(std::ofstream(path, std::ios::binary | std::ios::trunc) << content)) {
+    throw std::runtime_error("cannot write " + path);
+  }
 }
