@@ -44,15 +44,14 @@ TEST(Sync, ThreadsWaitAndExclude) {
   OSAL_Semaphore sem;
   ASSERT_EQ(m.initMutex("counter") + ev.initEvent() + sem.init(0), 0);
   long counter = 0;
+  std::atomic<int> woken{0};
   auto add = [&] {
-    for (int i = 0; i < 10000; ++i) m.lockMutex() == 0 && ++counter&& m.unlockMutex() == 0;
+    for (int i = 0; i < 10000; ++i) m.lockMutex(), ++counter, m.unlockMutex();
   };
-  std::thread a(add), b(add), waiter([&] { counter += 100000 * (ev.waitForNotification(600000) + sem.wait()); });
-  ev.notify();
-  sem.post();
+  std::thread a(add), b(add), waiter([&] { woken = ev.waitForNotification(600000) * 10 + sem.wait(); });
+  EXPECT_EQ(ev.notify() + sem.post(), 0);
   a.join(), b.join(), waiter.join();
-  EXPECT_EQ(counter, 20000 + 100000 * OSAL_Event::Notified);
-  EXPECT_EQ(sem.count(), 0u);
+  EXPECT_EQ(std::vector<long>({counter, woken, sem.count()}), std::vector<long>({20000, OSAL_Event::Notified * 10, 0}));
   m.destroyMutex(), ev.destroyEvent();
 }
 
