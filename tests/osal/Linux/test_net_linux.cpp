@@ -29,13 +29,9 @@ struct Interfaces {
     for (size_t i = 0; i < rows.size(); ++i) {
       const auto& [name, flags, addr] = rows.begin()[i];
       auto* ll = reinterpret_cast<sockaddr_ll*>(&addrs[i]);  // every family's field lies where sll_family does
-      list[i] = ifaddrs{i + 1 < rows.size() ? &list[i + 1] : nullptr,
-                        const_cast<char*>(name),
-                        flags,
-                        addr.empty() ? nullptr : reinterpret_cast<sockaddr*>(ll),
-                        nullptr,
-                        {},
-                        nullptr};
+      list[i].ifa_next = i + 1 < rows.size() ? &list[i + 1] : nullptr;
+      list[i].ifa_name = const_cast<char*>(name), list[i].ifa_flags = flags;
+      list[i].ifa_addr = addr.empty() ? nullptr : reinterpret_cast<sockaddr*>(ll);
       if (inet_pton(AF_INET, addr.c_str(), &reinterpret_cast<sockaddr_in*>(ll)->sin_addr) == 1) {
         ll->sll_family = AF_INET;
       } else if (inet_pton(AF_INET6, addr.c_str(), &reinterpret_cast<sockaddr_in6*>(ll)->sin6_addr) == 1) {
@@ -62,7 +58,6 @@ TEST(InterfaceSelection, PrimaryAddressesAndHardwareAddress) {
   const Interfaces host{{"lo", kLoop, "ll\0\0\0\0\0\0"s},
                         {"tun0", kUp, "ll\xff\xff\xff\xff\xff\xff"},
                         {"wlan0", 0, wlan0},
-
                         {"eth0", kUp, eth0},
                         {"lo", kLoop, "127.0.0.1"},
                         {"eth0", kUp, ""},
