@@ -160,9 +160,10 @@ TEST(FileSink, LineLayoutNamesAndEcho) {
   }
   const std::string content = readFile(dir.file("agent_upd.log")), out = ::testing::internal::GetCapturedStdout();
   EXPECT_TRUE(out.size() == content.size() + 51 && out.compare(0, content.size(), content) == 0) << out;
-  std::string stamps = content;  // digits of the time stamps masked
-  for (size_t at = 0; at < stamps.size(); at = stamps.find('\n', at) + 1) {
-    for (size_t i = at; i < at + 20; ++i) stamps[i] = isdigit(stamps[i]) ? 'd' : stamps[i];
+  std::string stamps = content;  // the digits of each line's time stamp masked
+  for (size_t i = 0, start = 0; i < stamps.size(); ++i) {
+    if (stamps[i] == '\n') start = i + 1;
+    if (i - start < 20 && std::isdigit(static_cast<unsigned char>(stamps[i]))) stamps[i] = 'd';
   }
   EXPECT_EQ(stamps, "[dddd-dd-dd dd:dd:dd] - ROOT:NFY - [ (test_log:" + std::to_string(line) +
                         ")] - Agent Update done\n[dddd-dd-dd dd:dd:dd] - HTTP:DGB - [ (UxosalConf:3)] - \n");

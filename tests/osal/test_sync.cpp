@@ -28,12 +28,13 @@ TEST(Sync, MutexEventAndSemaphoreResults) {
                               ev.waitForNotification(0), ev.notify(), ev.notify(), ev.waitForNotification(~0u),
                               ev.destroyEvent(), ev.destroyEvent()}),
             std::vector<int>({OSAL_Event::Failed, -1, 0, -1, OSAL_Event::TimedOut, 0, 0, OSAL_Event::Notified, 0, -1}));
-  EXPECT_EQ(std::vector<int>({sem.init(2), sem.init(1), sem.trywait(), sem.wait(), sem.trywait(), sem.timedwait(0),
-                              full.init(0x7FFE), full.post(), full.post(), int(full.count())}),
-            std::vector<int>({0, -1, 0, 0, 1, 1, 0, 0, -1, 0x7FFF}));
+  EXPECT_EQ(
+      std::vector<int>({sem.init(2), sem.init(1), sem.trywait(), sem.wait(), sem.trywait(), sem.timedwait(0),
+                        sem.post(), sem.timedwait(0), full.init(0x7FFE), full.post(), full.post(), int(full.count())}),
+      std::vector<int>({0, -1, 0, 0, 1, 1, 0, 0, 0, 0, -1, 0x7FFF}));
   std::string levels;
   for (const auto& line : cap.sink().lines()) levels += line.level[0];
-  EXPECT_EQ(levels, "EEEEEEEDEDDDDDEDE");
+  EXPECT_EQ(levels, "EEEEEEEDEDDDDDEDDE");
 }
 
 // A waiter is woken by the notification or the post of another thread; the
