@@ -79,44 +79,43 @@ struct Printable : KXStreamLoggerImpl {
   void print(std::ostringstream& os) const override { os << "printed"; }
 } kPrintable;
 
-// What a fresh stream holds after the values went in.
-template <class... T>
-std::string text(const T&... values) {
-  S s;
-  (s << ... << values);
-  return s.str();
-}
-
 TEST(Stream, EveryOperand) {
   using Tabl = KXLogTabl<const unsigned char*>;
   const std::string pad(30, ' ');
   const std::pair<std::string, std::string> rows[] = {
-      {text("a", (const char*)nullptr, (unsigned char*)nullptr, (unsigned char)'z', "b"s, true, false),
+      {(S() << "a" << (const char*)nullptr << (unsigned char*)nullptr << (unsigned char)'z' << "b"s << true << false)
+           .str(),
        "a(null)(null)zbtruefalse"},
-      {text(-5, ' ', 42ULL, ' ', short(-3), ' ', 1.5, ' ', (const void*)42, ' ', (void*)nullptr),
+      {(S() << -5 << ' ' << 42ULL << ' ' << short(-3) << ' ' << 1.5 << ' ' << (const void*)42 << ' ' << (void*)nullptr)
+           .str(),
        "-5 42 -3 1.5 @0x2a @0"},
-      {text(S::Hex, 255, S::Oct, ' ', 8, S::Dec, ' ', 8, (S::Base)5, (S::Spec)3, S::Endl),
+      {(S() << S::Hex << 255 << S::Oct << ' ' << 8 << S::Dec << ' ' << 8 << (S::Base)5 << (S::Spec)3 << S::Endl).str(),
        "ff 10 8 < unknown base 5 >  < unknown spec 3 > \n"},
-      {text(KX_FILETYPE_MNTPOINT, (KXFileType)7, KX_OPENMODE_RDONLY, (KXOpenMode)0, KX_TUNABLE_TYPE_UNDEF,
-            (KXTunableType)-1),
+      {(S() << KX_FILETYPE_MNTPOINT << (KXFileType)7 << KX_OPENMODE_RDONLY << (KXOpenMode)0 << KX_TUNABLE_TYPE_UNDEF
+            << (KXTunableType)-1)
+           .str(),
        "KX_FILETYPE_MNTPOINTKX_FILETYPE_UNKNOWN_7KX_OPENMODE_RDONLYKX_OPENMODE_UNKNOWN_0KX_TUNABLE_TYPE_UNDEF"
        "KX_TUNABLE_TYPE_UNKNOWN_-1"},
-      {text(Tabl{kItems, 0, ","}, Tabl{kItems, 1, ","}, Tabl{kItems, 3, ", "}), "Hello\nHello\n, (null), lo\n"},
-      {text(KXStreamLoggerAdapter{&kPrintable}, KXStreamLoggerAdapter{nullptr}, kPrintable), "printedprinted"},
-      {text(KXLogBlob(nullptr, 5), KXLogBlob(kBytes, 0), KXLogBlob(kBytes, 6, 0, 7)), "UNDEFUNDEF"},
-      {text(KXLogBlob(kBytes, 3, 1, KXLogBlob::Inline), ' ', 255), "0x0a1bff 255"},
-      {text(KXLogBlob(kBytes + 17, 6), 10), "0000   48 65 6C 6C 6F 0A " + pad + "   Hello.10"},
-      {text(KXLogBlob(kBytes, 21, 2), ' ', 10),
+      {(S() << Tabl{kItems, 0, ","} << Tabl{kItems, 1, ","} << Tabl{kItems, 3, ", "}).str(),
+       "Hello\nHello\n, (null), lo\n"},
+      {(S() << KXStreamLoggerAdapter{&kPrintable} << KXStreamLoggerAdapter{nullptr} << kPrintable).str(),
+       "printedprinted"},
+      {(S() << KXLogBlob(nullptr, 5) << KXLogBlob(kBytes, 0) << KXLogBlob(kBytes, 6, 0, 7)).str(), "UNDEFUNDEF"},
+      {(S() << KXLogBlob(kBytes, 3, 1, KXLogBlob::Inline) << ' ' << 255).str(), "0x0a1bff 255"},
+      {(S() << KXLogBlob(kBytes + 17, 6) << 10).str(), "0000   48 65 6C 6C 6F 0A " + pad + "   Hello.10"},
+      {(S() << KXLogBlob(kBytes, 21, 2) << ' ' << 10).str(),
        "\n0000   1B FF 04 05 06 07 08 09 0A 0B 0C 0D 0E 0F 10 48    ...............H\n0010   65 6C 6C 6F 0A " + pad +
            "      ello. 10"},
-      {text(KXLogHStr("abcdef", 2, 2), KXLogHStr("abc", 2, 2), KXLogHStr("abcd", 2, 2), KXLogHStr(nullptr, 2, 2)),
+      {(S() << KXLogHStr("abcdef", 2, 2) << KXLogHStr("abc", 2, 2) << KXLogHStr("abcd", 2, 2)
+            << KXLogHStr(nullptr, 2, 2))
+           .str(),
        "ab...ef\"abc\"ab...cd\"<null>\""},
-      {text(KXLogHStr("", 0, 0), KXLogHStr("abcdef", 0x10001, 0x10001)), "...a...f"}};
+      {(S() << KXLogHStr("", 0, 0) << KXLogHStr("abcdef", 0x10001, 0x10001)).str(), "...a...f"}};
   for (const auto& [got, expected] : rows) EXPECT_EQ(got, expected);
 }
 
 TEST(Stream, UnknownEnumValueIsDecimalEvenInHexMode) {
-  EXPECT_EQ(text(S::Hex, static_cast<KXFileType>(26), ' ', 255), "KX_FILETYPE_UNKNOWN_26 ff");
+  EXPECT_EQ((S() << S::Hex << static_cast<KXFileType>(26) << ' ' << 255).str(), "KX_FILETYPE_UNKNOWN_26 ff");
 }
 
 TEST(Stream, OneHugeMessageDoesNotStayAsTheBuffer) {
