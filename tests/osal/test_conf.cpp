@@ -5,8 +5,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <boost/filesystem.hpp>
 #include <cstring>
-#include <string>
 
 #include "CaptureLogCb.h"
 #include "TempDir.h"
@@ -14,160 +14,120 @@
 
 namespace {
 
-class ConfStore : public ::testing::Test {
- protected:
-  // Reads path with a buffer of size bytes prefilled with '#', so that a
-  // missing terminator shows.
-  int get(const std::string& path, unsigned int size) {
-    value.assign(size, '#');
-    const int rc = osal_getconfstr(path.c_str(), &value[0], size);
-    value.resize(strnlen(value.data(), size));
-    return rc;
-  }
+using namespace std::string_literals;
 
-  mode_t modeOf(const std::string& name) {
-    struct stat st {};
-    EXPECT_EQ(stat(dir.file(name).c_str(), &st), 0) << name;
-    return st.st_mode & 07777;
-  }
+// The value read with a 12-byte buffer prefilled with '#', so that a missing
+// terminator shows, and "!" when the call failed.
+std::string get(const std::string& path) {
+  char value[12];
+  memset(value, '#', sizeof value);
+  const int rc = osal_getconfstr(path.c_str(), value, sizeof value);
+  return std::string(value, strnlen(value, sizeof value)) + (rc == 0 ? "" : "!");
+}
 
+// Level and message of every line, up to the details in parentheses.
+std::string logOf(ScopedLogCapture& cap) {
+  std::string out;
+  for (const auto& l : cap.sink().lines()) out += l.level + " " + l.message.substr(0, l.message.find(" (")) + ";";
+  return out;
+}
+
+// A value ends at the first line feed, carriage return, tab or zero byte and
+// must leave room for a terminator; a write replaces the whole content.
+TEST(ConfStore, ValuesModesAndWhatMustFit) {
   TempDir dir;
-  ScopedLogCapture cap;
-  std::string value;
-};
-
-TEST_F(ConfStore, ValueEndsAtTheFirstLineBreakTabOrZero) {
-  EXPECT_EQ(get(dir.file("missing.cfg"), 16), 0);
-  EXPECT_EQ(value, "");
-  const std::string path = dir.file("v.cfg");
-  const struct {
-    std::string content;
-    const char* value;
-  } cases[] = {
-      {"/data/agent\n", "/data/agent"},
-      {"/data/agent", "/data/agent"},
-      {"a\r\n", "a"},
-      {"a\tb", "a"},
-      {std::string("a\0b\n", 4), "a"},
-      {"\nsecond line", ""},
-      {"short\n" + std::string(100, 'x'), "short"},  // only the first line has to fit
-  };
-  for (const auto& c : cases) {
-    writeFile(path, c.content);
-    EXPECT_EQ(get(path, 12), 0) << c.value;
-    EXPECT_EQ(value, c.value);
+  ScopedLogCapture cap("OSAL:9;");
+  std::string got = get(dir.file("missing.cfg")) + "|";
+  for (const std::string& content :
+       {"/data/agent\n"s, "a\r\n"s, "a\tb"s, "a\0b\n"s, "\nsecond"s, "short\n" + std::string(99, 'x'),
+        std::string(11, 'v'), std::string(12, 'v'), std::string(12, 'v') + "\n", "v\0vvvvvvvvvv"s}) {
+    writeFile(dir.file("v.cfg"), content);
+    got += get(dir.file("v.cfg")) + "|";
   }
-  EXPECT_TRUE(cap.messages().empty());
+  EXPECT_EQ(got, "|/data/agent|a|a|a||short|vvvvvvvvvvv|!|!|!|");
+  EXPECT_EQ(cap.sink().lines().size(), 3u);
+  const mode_t old = umask(022);
+  got.clear();
+  for (int flags = 0; flags < 4; ++flags) {  // owner only, then everyone read-write
+    const std::string file = dir.file(std::to_string(flags));
+    struct stat st {};
+    EXPECT_EQ(osal_setconfstr(file.c_str(), "/a/long/first/value", flags & 1, flags & 2), 0);
+    EXPECT_EQ(osal_setconfstr(file.c_str(), "/data", false, false), 0);  // keeps the mode
+    got += readFile(file) + (stat(file.c_str(), &st) == 0 ? std::to_string(st.st_mode & 0777) : "?") + "|";
+  }
+  umask(old);
+  EXPECT_EQ(got, "/data493|/data384|/data438|/data438|");  // 0755 0600 0666 0666: the second flag wins
 }
 
-TEST_F(ConfStore, ValueFillingTheBufferIsRefused) {
-  const std::string path = dir.file("v.cfg");
-  for (const std::string& content : {std::string(8, 'v'), std::string(8, 'v') + "\n", std::string("v\0vvvvvv", 8)}) {
-    writeFile(path, content);
-    EXPECT_EQ(get(path, 8), -1);  // a line feed at position 8 lies beyond the bytes read
-  }
-  EXPECT_EQ(cap.messages(), std::vector<std::string>(3, "osal_getconfstr -> buffer too short"));
-  writeFile(path, std::string(7, 'v'));
-  EXPECT_EQ(get(path, 8), 0);
-  EXPECT_EQ(value, std::string(7, 'v'));
-}
-
-TEST_F(ConfStore, ReadFailuresAreLoggedByStep) {
+TEST(ConfStore, ReadFailuresAreLoggedByStep) {
+  TempDir dir;
+  ScopedLogCapture cap("OSAL:9;");
   const std::string loop = dir.file("loop");  // stat itself fails
   ASSERT_EQ(symlink(loop.c_str(), loop.c_str()), 0);
-  EXPECT_EQ(get(loop, 16), -1);
-  EXPECT_TRUE(cap.contains("osal_getconfstr -> osal_exists failed"));
-  // Named by its path in the repository, whatever directory the build ran in.
-  EXPECT_EQ(cap.sink().lines().at(0).file, "base/osal/MacOS/UxosalConf");
-
-  EXPECT_EQ(get(dir.path(), 16), -1);  // a directory opens but cannot be read
-  EXPECT_TRUE(cap.contains("osal_getconfstr -> osal_read failed"));
-  EXPECT_EQ(value, "");
-
-  // A socket exists but cannot be opened, even by root.
-  struct sockaddr_un addr {};
+  struct sockaddr_un addr {};  // a socket exists but cannot be opened, even by root
   addr.sun_family = AF_UNIX;
-  if (dir.file("sock").size() >= sizeof addr.sun_path) GTEST_SKIP() << "temporary directory path too long for a socket";
-  snprintf(addr.sun_path, sizeof addr.sun_path, "%s", dir.file("sock").c_str());
+  ASSERT_LT(dir.file("sock").size(), sizeof addr.sun_path);
+  strcpy(addr.sun_path, dir.file("sock").c_str());
   const int sock = socket(AF_UNIX, SOCK_STREAM, 0);
   ASSERT_EQ(bind(sock, reinterpret_cast<struct sockaddr*>(&addr), sizeof addr), 0);
-  EXPECT_EQ(get(addr.sun_path, 16), -1);
-  EXPECT_TRUE(cap.contains("osal_getconfstr -> osal_open failed"));
+  // A directory opens but cannot be read.
+  EXPECT_EQ(std::vector<std::string>({get(loop), get(dir.path()), get(addr.sun_path),
+                                      std::to_string(osal_setconfstr(dir.file("no/v").c_str(), "v", false, false))}),
+            std::vector<std::string>({"!", "!", "!", "-1"}));
   close(sock);
-}
-
-TEST_F(ConfStore, WriteReplacesTheValueAndAppliesPermissionFlags) {
-  const std::string path = dir.file("dbdir.cfg");
-  ASSERT_EQ(osal_setconfstr(path.c_str(), "/a/long/first/value", false, false), 0);
-  ASSERT_EQ(osal_setconfstr(path.c_str(), "/data", false, false), 0);
-  EXPECT_EQ(readFile(path), "/data");  // no terminator, no newline
-
-  const mode_t old = umask(022);
-  EXPECT_EQ(osal_setconfstr(dir.file("neither").c_str(), "v", false, false), 0);
-  EXPECT_EQ(osal_setconfstr(dir.file("owner").c_str(), "v", true, false), 0);
-  EXPECT_EQ(osal_setconfstr(dir.file("everyone").c_str(), "v", false, true), 0);
-  EXPECT_EQ(osal_setconfstr(dir.file("both").c_str(), "v", true, true), 0);
-  EXPECT_EQ(osal_setconfstr(dir.file("owner").c_str(), "w", false, false), 0);
-  umask(old);
-  EXPECT_EQ(modeOf("neither"), 0755u);  // 0777 under the umask
-  EXPECT_EQ(modeOf("owner"), 0600u);    // rewriting without flags keeps it
-  EXPECT_EQ(modeOf("everyone"), 0666u);
-  EXPECT_EQ(modeOf("both"), 0666u);  // applied second, so it wins
-  EXPECT_TRUE(cap.messages().empty());
-
-  EXPECT_EQ(osal_setconfstr(dir.file("missing/dbdir.cfg").c_str(), "v", false, false), -1);
-  EXPECT_EQ(cap.messages(), std::vector<std::string>{"osal_setconfstr -> osal_open failed"});  // once
-}
-
-TEST_F(ConfStore, TemporaryValueIsWrittenAtThePathsLength) {
-  EXPECT_STREQ(OSAL_CONF_TMP_DIR, "/tmp/.tidelocker\r");  // the carriage return belongs to the name
-  const std::string tmpDir = dir.file(".tidelocker\r");
-  const std::string path = tmpDir + "/x";
-  // A short value drags what follows it in memory into the file.
-  const std::string memory = std::string("short") + '\0' + std::string(path.size(), 'T');
-  ASSERT_EQ(osal_setconfstrtmpIn(tmpDir.c_str(), "x", memory.c_str()), 0);
-  EXPECT_EQ(readFile(path), memory.substr(0, path.size()));
-  // A long one is cut; the directory existing already is fine.
-  ASSERT_EQ(osal_setconfstrtmpIn(tmpDir.c_str(), "x", std::string(200, 'L').c_str()), 0);
-  EXPECT_EQ(readFile(path), std::string(path.size(), 'L'));
-  EXPECT_TRUE(cap.messages().empty());
+  EXPECT_EQ(logOf(cap),
+            "DBG osal_exists -> stat failed;ERR osal_getconfstr -> osal_exists failed;DBG osal_read -> read failed;"
+            "ERR osal_getconfstr -> osal_read failed;DBG osal_open -> open failed;ERR osal_getconfstr -> osal_open "
+            "failed;DBG osal_open -> open failed;ERR osal_setconfstr -> osal_open failed;");
+  // Named by its path in the repository, whatever directory the build ran in.
+  EXPECT_EQ(cap.sink().lines().at(1).file, "base/osal/MacOS/UxosalConf");
 }
 
 // Anyone can make the directory in /tmp first: root must not write into one
-// that is not its own, or through a link planted at the file.
-TEST_F(ConfStore, TemporaryValueOnlyInADirectoryOfOurOwn) {
-  const std::string tmpDir = dir.file("conf");
-  ASSERT_EQ(mkdir(tmpDir.c_str(), 0777), 0);
-  ASSERT_EQ(chmod(tmpDir.c_str(), 0777), 0);
-  EXPECT_EQ(osal_setconfstrtmpIn(tmpDir.c_str(), "x", "value"), -1);
-  EXPECT_TRUE(cap.contains("osal_setconfstrtmp -> unsafe directory"));
-  ASSERT_EQ(chmod(tmpDir.c_str(), 0755), 0);
+// that is not its own or that others can write to, nor through a link. As
+// many bytes as the path has characters are written: a short value drags
+// what follows it in memory along, a long one is cut.
+TEST(ConfStore, TemporaryValueOnlyInADirectoryOfOurOwn) {
+  EXPECT_STREQ(OSAL_CONF_TMP_DIR, "/tmp/.tidelocker\r");
+  TempDir dir;
+  ScopedLogCapture cap("OSAL:9;");
+  const std::string tmpDir = dir.file(".tidelocker\r"), path = tmpDir + "/x",
+                    memory = "short\0"s + std::string(99, 'T');
+  ASSERT_EQ(osal_setconfstrtmpIn(tmpDir.c_str(), "x", memory.c_str()), 0);
+  EXPECT_EQ(readFile(path), memory.substr(0, path.size()));
+  std::string got;
+  for (mode_t mode : {0777, 0757, 0775})
+    got += std::to_string((chmod(tmpDir.c_str(), mode), osal_setconfstrtmpIn(tmpDir.c_str(), "x", "v")));
+  ASSERT_EQ(chmod(tmpDir.c_str(), 0755) + symlink(tmpDir.c_str(), dir.file("link").c_str()), 0);
+  got += std::to_string(osal_setconfstrtmpIn(dir.file("link").c_str(), "x", "v"));
   if (geteuid() == 0) {  // only root can give it away
-    ASSERT_EQ(chown(tmpDir.c_str(), 65534, 65534), 0);
-    EXPECT_EQ(osal_setconfstrtmpIn(tmpDir.c_str(), "x", "value"), -1);
+    got += std::to_string((chown(tmpDir.c_str(), 65534, 0), osal_setconfstrtmpIn(tmpDir.c_str(), "x", "v")));
     ASSERT_EQ(chown(tmpDir.c_str(), 0, 0), 0);
+  } else {
+    got += "-1";
   }
-
-  writeFile(dir.file("victim"), "precious");
-  ASSERT_EQ(symlink(dir.file("victim").c_str(), (tmpDir + "/x").c_str()), 0);
-  ASSERT_EQ(osal_setconfstrtmpIn(tmpDir.c_str(), "x", std::string(200, 'v').c_str()), 0);
-  EXPECT_EQ(readFile(dir.file("victim")), "precious");
-  EXPECT_EQ(readFile(tmpDir + "/x"), std::string(tmpDir.size() + 2, 'v'));
-}
-
-TEST_F(ConfStore, TemporaryValueFailuresAreLoggedByStep) {
+  // A path of 1025 characters is refused, a file cannot go under a file or
+  // where a directory is.
+  std::string deep = dir.path();
+  while (deep.size() < 1021) deep += "/" + std::string(std::min<size_t>(200, 1020 - deep.size()), 'd');
+  boost::filesystem::create_directories(deep);
   writeFile(dir.file("file"), "");
-  EXPECT_EQ(osal_setconfstrtmpIn(dir.file("file/sub").c_str(), "x", "value"), -1);
-  EXPECT_TRUE(cap.contains("osal_setconfstrtmp -> osal_mkdir failed"));
-
-  const std::string longName(1100, 'n');
-  EXPECT_EQ(osal_setconfstrtmpIn(dir.path().c_str(), longName.c_str(), "value"), -1);
-  EXPECT_TRUE(cap.contains(
-      "osal_setconfstrtmp -> snprintf failed (lg=" + std::to_string(dir.path().size() + 1 + longName.size()) + ")"));
-
-  ASSERT_EQ(mkdir(dir.file("taken").c_str(), 0700), 0);  // a directory where the file should go
-  EXPECT_EQ(osal_setconfstrtmpIn(dir.path().c_str(), "taken", "value"), -1);
-  EXPECT_TRUE(cap.contains("osal_setconfstrtmp -> osal_open failed"));
+  const std::vector<int> results = {osal_setconfstrtmpIn(deep.c_str(), "xyz", "v"),
+                                    osal_setconfstrtmpIn(dir.file("file/sub").c_str(), "x", "v"),
+                                    osal_setconfstrtmpIn(dir.path().c_str(), "file/", "v")};
+  EXPECT_EQ(got, "-1-1-1-1-1");
+  EXPECT_EQ(results, std::vector<int>({-1, -1, -1}));
+  std::string log = "ERR osal_setconfstrtmp -> unsafe directory;";
+  for (int i = geteuid() == 0 ? 4 : 3; i > 0; --i) log += "ERR osal_setconfstrtmp -> unsafe directory;";
+  EXPECT_EQ(logOf(cap), log +
+                            "ERR osal_setconfstrtmp -> snprintf failed;DBG osal_mkdir -> mkdir failed;"
+                            "ERR osal_setconfstrtmp -> osal_mkdir failed;DBG osal_openOwned -> open failed;"
+                            "ERR osal_setconfstrtmp -> osal_open failed;");
+  writeFile(dir.file("victim"), "precious");
+  ASSERT_EQ(unlink(path.c_str()), 0);
+  ASSERT_EQ(symlink(dir.file("victim").c_str(), path.c_str()), 0);
+  ASSERT_EQ(osal_setconfstrtmpIn(tmpDir.c_str(), "x", std::string(200, 'v').c_str()), 0);
+  EXPECT_EQ(readFile(dir.file("victim")) + readFile(path), "precious" + std::string(path.size(), 'v'));
 }
 
 }  // namespace

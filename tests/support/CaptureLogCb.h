@@ -1,32 +1,38 @@
 #pragma once
 
+#include <mutex>
 #include <string>
 #include <vector>
 
 #include "KXLog.h"
 
 // A sink that keeps every delivered line, for assertions on log output.
+// Readers copy under the logger's lock, so a test can read while other
+// threads still log.
 class CaptureLogCb : public KXLogCb {
  public:
   struct Line {
     unsigned int pid;
     unsigned long long tid;
-    std::string module;
-    std::string level;
-    std::string file;
+    std::string module, level, file;
     int line;
-    std::string function;
-    std::string message;
+    std::string function, message;
   };
 
   void log(unsigned int pid, unsigned long long tid, const char* module, const char* level, const char* file, int line,
-           const char* function, const char* message) override;
-
-  // Copies, so a test can read while other threads still log.
-  std::vector<Line> lines() const;
+           const char* function, const char* message) override {
+    _lines.push_back(Line{pid, tid, module, level, file, line, function, message});
+  }
+  std::vector<Line> lines() const {
+    std::lock_guard<KXMutexSilent> guard(KXLog::getLogger()->lockObject());
+    return _lines;
+  }
   std::vector<std::string> messages() const;
   bool contains(const std::string& message) const;
-  void reset();
+  void reset() {
+    std::lock_guard<KXMutexSilent> guard(KXLog::getLogger()->lockObject());
+    _lines.clear();
+  }
 
  private:
   std::vector<Line> _lines;

@@ -1,47 +1,35 @@
 #include "TempDir.h"
 
-#include <cerrno>
+#include <boost/filesystem.hpp>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
-#include <system_error>
-
-#include <boost/filesystem.hpp>
 
 TempDir::TempDir(bool setTmpdir) : _setTmpdir(setTmpdir) {
   const char* base = std::getenv("TMPDIR");
   std::string tmpl = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/kxtest.XXXXXX";
-  if (mkdtemp(&tmpl[0]) == nullptr) throw std::system_error(errno, std::generic_category(), "mkdtemp");
+  if (mkdtemp(&tmpl[0]) == nullptr) throw std::runtime_error("cannot make a directory like " + tmpl);
   _path = tmpl;
-  if (_setTmpdir) {
-    _hadTmpdir = base != nullptr;
-    if (_hadTmpdir) _oldTmpdir = base;
-    setenv("TMPDIR", _path.c_str(), 1);
-  }
+  _hadTmpdir = base != nullptr;
+  if (_hadTmpdir) _oldTmpdir = base;
+  if (_setTmpdir) setenv("TMPDIR", _path.c_str(), 1);
 }
 
 TempDir::~TempDir() {
-  if (_setTmpdir) {
-    if (_hadTmpdir) {
-      setenv("TMPDIR", _oldTmpdir.c_str(), 1);
-    } else {
-      unsetenv("TMPDIR");
-    }
-  }
+  if (_setTmpdir && _hadTmpdir) setenv("TMPDIR", _oldTmpdir.c_str(), 1);
+  if (_setTmpdir && !_hadTmpdir) unsetenv("TMPDIR");
   boost::system::error_code ec;
   boost::filesystem::remove_all(_path, ec);
 }
 
 std::string readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
   std::ostringstream out;
-  out << in.rdbuf();
+  out << std::ifstream(path, std::ios::binary).rdbuf();
   return out.str();
 }
 
 void writeFile(const std::string& path, const std::string& content) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out << content;
-  if (!out) throw std::runtime_error("cannot write " + path);
+  if (!(std::ofstream(path, std::ios::binary | std::ios::trunc) << content))
+    throw std::runtime_error("cannot write " + path);
 }

@@ -17,8 +17,7 @@ class TempDir {
   std::string file(const std::string& name) const { return _path + "/" + name; }
 
  private:
-  std::string _path;
-  std::string _oldTmpdir;
+  std::string _path, _oldTmpdir;
   bool _hadTmpdir = false;
   bool _setTmpdir;
 };

@@ -8,8 +8,7 @@
 #include <net/if.h>
 
 #include <cstring>
-#include <deque>
-#include <string>
+#include <tuple>
 
 #include "TempDir.h"
 #include "osal_sysinfo_linux.h"
@@ -17,120 +16,81 @@
 
 namespace {
 
-// An ifaddrs chain that owns its entries and addresses (deques keep them in
-// place while growing).
-class FakeInterfaces {
- public:
-  FakeInterfaces& link(const char* name, unsigned flags, std::initializer_list<unsigned char> mac) {
-    sockaddr_ll& ll = _ll.emplace_back();
-    ll.sll_family = AF_PACKET;
-    ll.sll_halen = static_cast<unsigned char>(mac.size());
-    std::copy(mac.begin(), mac.end(), ll.sll_addr);
-    return add(name, flags, reinterpret_cast<sockaddr*>(&ll));
-  }
-  FakeInterfaces& ip(const char* name, unsigned flags, const char* text) {
-    sockaddr_storage& ss = _ip.emplace_back();
-    auto* in = reinterpret_cast<sockaddr_in*>(&ss);
-    auto* in6 = reinterpret_cast<sockaddr_in6*>(&ss);
-    if (inet_pton(AF_INET, text, &in->sin_addr) == 1) {
-      in->sin_family = AF_INET;
-    } else {
-      in6->sin6_family = AF_INET6;
-      inet_pton(AF_INET6, text, &in6->sin6_addr);
+using namespace std::string_literals;
+constexpr unsigned kUp = IFF_UP, kLoop = IFF_UP | IFF_LOOPBACK;
+
+// An ifaddrs chain; each address is IPv4 or IPv6 text, link-layer bytes
+// after "ll", or empty for none.
+struct Interfaces {
+  std::vector<ifaddrs> list;
+  std::vector<sockaddr_storage> addrs;
+  Interfaces(std::initializer_list<std::tuple<const char*, unsigned, std::string>> rows)
+      : list(rows.size()), addrs(rows.size()) {
+    for (size_t i = 0; i < rows.size(); ++i) {
+      const auto& [name, flags, addr] = rows.begin()[i];
+      auto* ll = reinterpret_cast<sockaddr_ll*>(&addrs[i]);  // every family's field lies where sll_family does
+      list[i].ifa_next = i + 1 < rows.size() ? &list[i + 1] : nullptr;
+      list[i].ifa_name = const_cast<char*>(name), list[i].ifa_flags = flags;
+      list[i].ifa_addr = addr.empty() ? nullptr : reinterpret_cast<sockaddr*>(ll);
+      if (inet_pton(AF_INET, addr.c_str(), &reinterpret_cast<sockaddr_in*>(ll)->sin_addr) == 1) {
+        ll->sll_family = AF_INET;
+      } else if (inet_pton(AF_INET6, addr.c_str(), &reinterpret_cast<sockaddr_in6*>(ll)->sin6_addr) == 1) {
+        ll->sll_family = AF_INET6;
+      } else if (addr.size() > 2) {
+        ll->sll_family = AF_PACKET;
+        ll->sll_halen = static_cast<unsigned char>(addr.size() - 2);
+        memcpy(ll->sll_addr, addr.data() + 2, addr.size() - 2);
+      }
     }
-    return add(name, flags, reinterpret_cast<sockaddr*>(&ss));
   }
-  FakeInterfaces& add(const char* name, unsigned flags, sockaddr* addr) {
-    ifaddrs& e = _entries.emplace_back();
-    e.ifa_name = const_cast<char*>(name);
-    e.ifa_flags = flags;
-    e.ifa_addr = addr;
-    if (_entries.size() > 1) _entries[_entries.size() - 2].ifa_next = &e;
-    return *this;
+  std::string picked(const char* primary) const {
+    unsigned char m[6];
+    return osal_pickMACAddress(list.data(), primary, m) ? "ll"s.append(reinterpret_cast<char*>(m), 6) : "none";
   }
-  const ifaddrs* list() const { return &_entries.front(); }
-
- private:
-  std::deque<ifaddrs> _entries;
-  std::deque<sockaddr_ll> _ll;
-  std::deque<sockaddr_storage> _ip;
 };
 
-constexpr unsigned kUp = IFF_UP;
-constexpr unsigned kLoop = IFF_UP | IFF_LOOPBACK;
-
-std::string picked(const FakeInterfaces& f, const char* primary) {
-  unsigned char m[6];
-  if (!osal_pickMACAddress(f.list(), primary, m)) return "none";
-  char t[18];
-  snprintf(t, sizeof t, "%02X:%02X:%02X:%02X:%02X:%02X", m[0], m[1], m[2], m[3], m[4], m[5]);
-  return t;
-}
-
-class InterfaceSelection : public ::testing::Test {
- protected:
-  void SetUp() override {
-    host.link("lo", kLoop, {0, 0, 0, 0, 0, 0})
-        .link("wlan0", 0, {0x02, 0x11, 0x22, 0x33, 0x44, 0x55})  // down
-        .link("tun0", kUp, {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF})
-        .link("eth0", kUp, {0x0a, 0xbc, 0xde, 0xf0, 0x12, 0x34})
-        .ip("lo", kLoop, "127.0.0.1")
-        .add("eth0", kUp, nullptr)
-        .ip("eth0", kUp, "192.168.1.20")
-        .ip("eth0", kUp, "192.168.1.21")
-        .ip("eth0", kUp, "fe80::abc:def0:1234");
+// The primary interface is the first that is up and not a loopback; a named
+// interface gives its first address of each kind; the hardware address is
+// the primary's, else the first real one (zero and broadcast ones do
+// not count).
+TEST(InterfaceSelection, PrimaryAddressesAndHardwareAddress) {
+  const std::string eth0 = "ll\x0a\xbc\xde\xf0\x12\x34", wlan0 = "ll\x02\x11\x22\x33\x44\x55";
+  const Interfaces host{{"lo", kLoop, "ll\0\0\0\0\0\0"s},
+                        {"tun0", kUp, "ll\xff\xff\xff\xff\xff\xff"},
+                        {"wlan0", 0, wlan0},
+                        {"eth0", kUp, eth0},
+                        {"lo", kLoop, "127.0.0.1"},
+                        {"eth0", kUp, ""},
+                        {"eth0", kUp, "192.168.1.20"},
+                        {"eth0", kUp, "192.168.1.21"},
+                        {"eth0", kUp, "fe80::abc:def0:1234"}};
+  std::string got = osal_primaryInterfaceName(host.list.data()) + "|";
+  for (const char* name : {"eth0", "en0", ""}) {
+    for (auto kind : {OSAL_AddrKind::Link, OSAL_AddrKind::IPv4, OSAL_AddrKind::IPv6}) {
+      got += osal_interfaceAddressText(host.list.data(), name, kind) + "|";
+    }
   }
-  FakeInterfaces host;
-};
-
-TEST_F(InterfaceSelection, PrimaryIsTheFirstUpNonLoopbackInterface) {
-  EXPECT_EQ(osal_primaryInterfaceName(host.list()), "tun0");
-  FakeInterfaces onlyLoopback;
-  onlyLoopback.link("lo", kLoop, {0, 0, 0, 0, 0, 0});
-  EXPECT_EQ(osal_primaryInterfaceName(onlyLoopback.list()), "");
+  EXPECT_EQ(got, "tun0|0A:BC:DE:F0:12:34|192.168.1.20|fe80::abc:def0:1234|||||||");
+  EXPECT_EQ(osal_primaryInterfaceName(Interfaces{{"lo", kLoop, ""}, {"eth0", 0, ""}}.list.data()), "");
+  EXPECT_EQ(host.picked("eth0") + host.picked("en0") + host.picked("tun0"), eth0 + wlan0 + wlan0);
+  EXPECT_EQ(Interfaces({{"lo", kLoop, "ll\0\0\0\0\0\0"s}, {"eth0", kUp, "10.0.0.1"}}).picked("eth0"), "none");
 }
 
-TEST_F(InterfaceSelection, NamedInterfaceGivesTheFirstAddressOfEachFamily) {
-  EXPECT_EQ(osal_interfaceAddressText(host.list(), "eth0", OSAL_AddrKind::Link), "0A:BC:DE:F0:12:34");
-  EXPECT_EQ(osal_interfaceAddressText(host.list(), "eth0", OSAL_AddrKind::IPv4), "192.168.1.20");
-  EXPECT_EQ(osal_interfaceAddressText(host.list(), "eth0", OSAL_AddrKind::IPv6), "fe80::abc:def0:1234");
-  for (auto kind : {OSAL_AddrKind::Link, OSAL_AddrKind::IPv4, OSAL_AddrKind::IPv6}) {
-    EXPECT_EQ(osal_interfaceAddressText(host.list(), "en0", kind), "");  // no such interface
-    EXPECT_EQ(osal_interfaceAddressText(host.list(), "", kind), "");     // no primary at all
-  }
-}
-
-TEST_F(InterfaceSelection, HardwareAddressPrefersThePrimaryOverTheFirstRealOne) {
-  EXPECT_EQ(picked(host, "eth0"), "0A:BC:DE:F0:12:34");
-  EXPECT_EQ(picked(host, "en0"), "02:11:22:33:44:55");  // zero and broadcast addresses skipped
-  FakeInterfaces none;
-  none.link("lo", kLoop, {0, 0, 0, 0, 0, 0}).ip("eth0", kUp, "10.0.0.1");
-  EXPECT_EQ(picked(none, "eth0"), "none");
-}
-
+// PRETTY_NAME first, else NAME and VERSION_ID, with shell quoting undone.
 TEST(OsRelease, PrettyNameFirstThenNameAndVersion) {
   TempDir dir;
-  const std::string path = dir.file("os-release");
-  char out[64] = "untouched";
-  const struct {
-    const char* content;
-    const char* name;
-  } cases[] = {
-      {"NAME=\"Debian GNU/Linux\"\nVERSION_ID=\"12\"\nPRETTY_NAME=\"Debian GNU/Linux 12 (bookworm)\"\n",
-       "Debian GNU/Linux 12 (bookworm)"},
-      {"# comment\nNAME='Alpine Linux'\nVERSION_ID=3.20.1\n", "Alpine Linux 3.20.1"},
-      {"PRETTY_NAME=\"Say \\\"hi\\\"\"\n", "Say \"hi\""},
-  };
-  for (const auto& c : cases) {
-    writeFile(path, c.content);
-    ASSERT_TRUE(osal_releaseNameFromOsRelease(path.c_str(), out, sizeof out)) << c.content;
-    EXPECT_STREQ(out, c.name);
+  std::string got;
+  for (const char* content :
+       {"NAME=\"Debian\"\nVERSION_ID=\"12\"\nPRETTY_NAME=\"Debian GNU/Linux 12 (bookworm)\"\n",
+        "# comment\nNAME='Alpine Linux'\nVERSION_ID=3.20.1\n", "NAME=Arch\n",
+        "PRETTY_NAME=\"Say \\\"hi\\\"\\\\\"\nNAME=x\n", "PRETTY_NAME=\"\nNAME='\n", "ID=debian\nVERSION_ID=12\n"}) {
+    char out[64] = "untouched";
+    writeFile(dir.file("os-release"), content);
+    got += std::to_string(osal_releaseNameFromOsRelease(dir.file("os-release").c_str(), out, sizeof out)) + out + "|";
   }
-  strcpy(out, "untouched");
-  writeFile(path, "ID=debian\n");
-  EXPECT_FALSE(osal_releaseNameFromOsRelease(path.c_str(), out, sizeof out));
-  EXPECT_FALSE(osal_releaseNameFromOsRelease(dir.file("missing").c_str(), out, sizeof out));
-  EXPECT_STREQ(out, "untouched");
+  char out[64] = "untouched";
+  got += std::to_string(osal_releaseNameFromOsRelease(dir.file("missing").c_str(), out, sizeof out)) + out;
+  EXPECT_EQ(got, "1Debian GNU/Linux 12 (bookworm)|1Alpine Linux 3.20.1|1Arch|1Say \"hi\"\\|1\"|0untouched|0untouched");
 }
 
 }  // namespace
