@@ -46,6 +46,7 @@ struct Row {
   std::string platform, url, version, size, md5, verdict;
   int result = 0;  // the client's result code
   bool published = true;
+  bool listed = false;  // named by the definition file: its absence is a fault
   bool ok = false;
 };
 
@@ -146,6 +147,7 @@ Row checkOne(const Target& t, const std::string& server, const std::string& from
     return fail(row, 11, what == "Failed to get any correct setup paths" ? "package has no size" : what);
   }
   const bool byDefinition = cap.has("Use agent setup definition file");
+  row.listed = byDefinition;
   row.url = p.setupUrl;
   if (p.setupName.empty()) return fail(row, 2, "no package in " + p.versionUrl.substr(0, p.versionUrl.rfind('/')));
 
@@ -277,7 +279,7 @@ int check(const std::vector<std::string>& args) {
       elsewhere =
           elsewhere || (kindOf(other.platform) == kindOf(r.platform) && other.published && other.verdict != missing);
     }
-    if (!elsewhere && r.verdict == missing) r = notPublished(r);
+    if (!elsewhere && !r.listed && r.verdict == missing) r = notPublished(r);
   }
   print(rows, json);
   bool anyPublished = false, allOk = true;

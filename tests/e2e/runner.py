@@ -49,6 +49,8 @@ def body_of(spec, case):
         unit, n = (b"x" if m.group(1) == "junk" else b"o" * 99 + b"\n"), int(m.group(2))
         body = (unit * (n // len(unit) + 1))[:n]
         return body if unit == b"x" else body[:-1] + b"\n"  # whole lines, none of them a log line
+    if spec.startswith("@"):
+        return Path(spec[1:]).read_bytes()
     return unescape(spec[1:]) if spec.startswith("=") else {
         "other": lambda: bytes(b ^ 0x5A for b in case.package), "page": lambda: PAGE, "big": lambda: b"7.3.0.0 " * (1 << 20),
         "md5": lambda: f"{hashlib.md5(case.package).hexdigest()}  {case.flow['pkg']}\n".encode()}[spec]()
@@ -241,6 +243,22 @@ class Case:
         self.batch = [self.wait(p, float(o.get("timeout", 60))) for p in procs]
         os.close(stdin_w)
 
+    # kx-publish in the case's directory; each <platform>=<name> gets a package
+    # file of that name, and a tree that "layout" wrote is then all the server has.
+    def publish(self, args):
+        os.makedirs(self.path("src"), exist_ok=True)
+        for i, a in enumerate(args):
+            if m := re.fullmatch(r"(\w+/\w+)=([^/]+)", a):
+                args[i] = f"{m[1]}={Path(self.path('src'), m[2])}"
+                Path(args[i].split("=", 1)[1]).write_bytes(self.package)
+        p = subprocess.Popen([os.path.join(self.bindir, "kx-publish"), *args], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                             cwd=self.dir, env=dict(os.environ, TMPDIR=self.T), start_new_session=True)
+        self.batch = [self.wait(p, 60)]
+        if args[0] == "layout" and self.batch[0][0] == "0":
+            self.routes, self.opts["lenient"] = {}, True
+            for d, _, files in os.walk(self.path(args[1])):
+                [self.route("/" + os.path.relpath(os.path.join(d, f), self.path(args[1])), "@" + os.path.join(d, f)) for f in files]
+
     @staticmethod
     def wait(p, timeout):
         try:
@@ -300,6 +318,11 @@ class Case:
             text, want = (out if key == "out" else err), self.subst(unescape(rest).decode("latin-1"))
             if not (text == want[1:] if want.startswith("=") else want in text if want else text == ""):
                 self.compare(f"standard {key}", [want], [text[:2000]])
+        elif key == "row":
+            platform, _, verdict = self.subst(rest).partition(": ")
+            rows = [r.rstrip() for r in out.splitlines() if r.startswith(platform + " ")]
+            if not any(r.endswith(verdict) for r in rows):
+                self.compare(f"row of {platform}", [verdict], rows)
         elif key in ("calls", "requests"):
             table, sep = (self.flow["calls"], "") if key == "calls" else (self.flow["requests"], ":")
             self.compare(key, [] if words == ["none"] else self.expand(words, table, sep), self.calls() if key == "calls" else self.requests)
@@ -348,7 +371,8 @@ def statements(path, name):
 
 # One set-up statement; False for a statement that is not one.
 def setup(case, key, rest):
-    words = rest.split(None, 2) if key == "plant" else split(rest) if key in ("serve", "lock", "config", "chown", "chmod", "run", "argv") else []
+    words = rest.split(None, 2) if key == "plant" else split(rest) if key in ("serve", "lock", "config", "chown", "chmod", "run", "argv",
+                                                                           "publish") else []
     if key == "flow":
         case.set_flow(rest)
     elif key == "package":
@@ -377,6 +401,8 @@ def setup(case, key, rest):
         case.opts[key] = case.subst(rest)
         if key == "published":
             case.route("version", "=" + rest)
+    elif key == "publish":
+        case.publish([case.subst(w) for w in words])
     elif key in ("run", "argv"):
         opts = [w for w in words if w.startswith("-")]
         case.run(words if key == "argv" else opts + ["$URL"] + ([w for w in words if w not in opts] or ["7.2.0.1"]))
