@@ -27,6 +27,8 @@ namespace {
 // program runs as root: a link or a hard link planted there is never written
 // through (osal_openOwned). Unbuffered, so that every write has reached the
 // file when it returns; readable, for the Follower.
+constexpr size_t kFileStep = size_t{1} << 20;
+
 FILE* openForDownload(const std::string& path) {
   int fd = -1;
   if (osal_openOwned(path.c_str(), O_TRUNC | O_RDWR, &fd) != 0) return nullptr;
@@ -35,7 +37,9 @@ FILE* openForDownload(const std::string& path) {
     close(fd);
     return nullptr;
   }
-  setvbuf(file, nullptr, _IONBF, 0);
+  // libcurl hands over 16 KiB at a time; written through as they come, they
+  // cost a system call each and wake the Follower each time.
+  setvbuf(file, nullptr, _IOFBF, kFileStep);
   return file;
 }
 
@@ -71,7 +75,7 @@ class Follower {
   }
 
  private:
-  static constexpr size_t kChunk = 1 << 20;
+  static constexpr size_t kChunk = 256 << 10;
 
   void stop() {
     {
@@ -126,7 +130,17 @@ struct DownloadTarget {
   uint64_t room;
   Follower* follower;
   uint64_t written = 0;
+  uint64_t flushed = 0;  // what the file holds, for the Follower
   bool overflowed = false;
+
+  // Hands the Follower what reached the file; false when the file would not
+  // take it (a full disk).
+  bool flush() {
+    if (std::fflush(file) != 0) return false;
+    flushed = written;
+    if (follower != nullptr) follower->wrote(flushed);
+    return true;
+  }
 };
 
 // Kept as the program has always written them, misspelling and double blanks
@@ -151,7 +165,7 @@ size_t writeLimited(void* data, size_t size, size_t nmemb, void* userp) {
   const size_t written = HttpClient::readFileResponseCb(data, 1, kept, target.file);
   target.room -= written;
   target.written += written;
-  if (target.follower != nullptr) target.follower->wrote(target.written);
+  if (target.written - target.flushed >= kFileStep && !target.flush()) return 0;
   if (written == n) return n;
   target.overflowed = written == kept;
   return 0;
@@ -293,6 +307,7 @@ int HttpClient::download(const std::string& url, const std::string& path, std::m
   // allowed to fill the disk; what was kept is a complete (if wrong-sized)
   // download for the caller's size check.
   if (rc == CURLE_WRITE_ERROR && target.overflowed) rc = CURLE_OK;
+  if (!target.flush() && rc == CURLE_OK) rc = CURLE_WRITE_ERROR;
   if (follower != nullptr) *md5 = follower->finish();
   return finishRequest(handle, rc, url, kGetStatusFailure, file);
 }

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Hashes one 256 MiB file with KXHashMD5::computeFileHexHash (bench_base --md5)
 # and with md5sum, in the same run and with the file in the page cache, and
-# prints both throughputs and their ratio. Each side runs three times, taking
+# prints both throughputs and their ratio. Each side runs five times, taking
 # turns; the best time of each counts.
 #
 #   bench/md5_vs_md5sum.sh [build dir]      (default: build)
@@ -29,7 +29,7 @@ elapsed_ns() {
 }
 
 best_ours=0 best_ref=0
-for _ in 1 2 3; do
+for _ in 1 2 3 4 5; do
   t=$(elapsed_ns "$bin" --md5 "$file")
   ours=$(tr 'A-F' 'a-f' <"$tmp/out")
   ((best_ours == 0 || t < best_ours)) && best_ours=$t
@@ -49,5 +49,5 @@ awk -v size="$size" -v ours="$best_ours" -v ref="$best_ref" 'BEGIN {
   printf "computeFileHexHash: %8.1f MiB/s (%.3f s)\n", mib / (ours / 1e9), ours / 1e9
   printf "md5sum:             %8.1f MiB/s (%.3f s)\n", mib / (ref / 1e9), ref / 1e9
   ratio = ref / ours
-  printf "ratio:              %.2f of md5sum (target 0.90) %s\n", ratio, (ratio >= 0.9 ? "OK" : "BELOW TARGET")
+  printf "ratio:              %.2f of md5sum (aim 1.05) %s\n", ratio, (ratio >= 1.05 ? "ok" : "BELOW THE AIM")
 }'

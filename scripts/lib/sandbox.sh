@@ -34,10 +34,16 @@ kx_install_shims() {
 # the size, 404 for what is missing, one line per request on its standard
 # error), and waits for it to listen (as long as the start takes, at most
 # 20 s). Sets KX_SERVER_PID and KX_SERVER_PORT; status 1 when it did not start.
-#   kx_start_server <directory> [<request log>]
+# With a rate, file bodies go out at that many bytes a second.
+#   kx_start_server <directory> [<request log>] [<bytes per second>]
 kx_start_server() {
-  local line
-  coproc KX_SERVER_IO { exec python3 -u -m http.server --bind 127.0.0.1 --directory "$1" 0 2>"${2:-/dev/null}"; }
+  local line paced
+  paced=$(dirname "${BASH_SOURCE[0]}")/paced_http.py
+  if [[ -n ${3:-} ]]; then
+    coproc KX_SERVER_IO { exec python3 -u "$paced" "$1" "$3" 2>"${2:-/dev/null}"; }
+  else
+    coproc KX_SERVER_IO { exec python3 -u -m http.server --bind 127.0.0.1 --directory "$1" 0 2>"${2:-/dev/null}"; }
+  fi
   KX_SERVER_PID=$KX_SERVER_IO_PID
   KX_SERVER_PORT=
   read -r -t 20 line <&"${KX_SERVER_IO[0]}" || return 1

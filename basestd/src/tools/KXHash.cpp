@@ -18,7 +18,7 @@ constexpr int32_t kClosed = 0;
 constexpr int32_t kOpen = 1;
 constexpr unsigned int kDigestLen = 16;
 constexpr unsigned int kHexLen = 2 * kDigestLen;
-constexpr size_t kFileChunk = 1 << 20;
+constexpr size_t kFileChunk = 256 << 10;
 
 const EVP_MD* md5Method() { return EVP_get_digestbyname("MD5"); }
 
