@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""runner.py <bin dir> <cases file> <case name>: one case of a .cases file (format at the top of update.cases).
-Exit status: 0 passed, 1 failed (what differed is printed), 77 skipped."""
+# runner.py <bin dir> <cases file> <case name>: one case of a .cases file (format at the top of update.cases).
+# Exit status: 0 passed, 1 failed (what differed is printed), 77 skipped.
 import hashlib, os, platform, random, re, resource, shlex, shutil, signal, socket, ssl, stat
 import subprocess, sys, tempfile, threading, time
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer

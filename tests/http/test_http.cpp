@@ -6,11 +6,8 @@
 #include <map>
 #include <string>
 
-#include "CaptureLogCb.h"
 #include "HttpClient.h"
-#include "TempDir.h"
-
-namespace {
+#include "TestSupport.h"
 
 using Headers = std::map<std::string, std::string>;
 
@@ -69,5 +66,3 @@ TEST(HttpClientLife, NoProgressAfterADownloadAndNoRequestAfterCleanup) {
             -3);
   EXPECT_EQ(cap.messages().size(), 4u) << "one line a request, none of them progress";
 }
-
-}  // namespace

@@ -3,7 +3,7 @@
 #include <map>
 #include <thread>
 
-#include "CaptureLogCb.h"
+#include "TestSupport.h"
 
 namespace {
 
@@ -22,11 +22,11 @@ TEST(LogThreads, ConcurrentStatementsNeverInterleaveOrGetLost) {
   for (auto& th : threads) th.join();
   std::map<int, int> next;
   std::map<unsigned long long, int> threadOf;
-  for (const auto& l : cap.sink().lines()) {
+  for (const auto& l : cap.lines()) {
     const int t = l.message[0] - '0';
     ASSERT_TRUE(l.message == message(t, next[t]++) && threadOf.emplace(l.tid, t).first->second == t) << l.message;
   }
-  EXPECT_EQ(std::make_pair(threadOf.size(), cap.sink().lines().size()), std::make_pair(size_t{8}, size_t{16000}));
+  EXPECT_EQ(std::make_pair(threadOf.size(), cap.lines().size()), std::make_pair(size_t{8}, size_t{16000}));
 }
 
 }  // namespace

@@ -8,8 +8,7 @@
 #include <boost/filesystem.hpp>
 #include <cstring>
 
-#include "CaptureLogCb.h"
-#include "TempDir.h"
+#include "TestSupport.h"
 #include "osal_conf.h"
 
 namespace {
@@ -28,7 +27,7 @@ std::string get(const std::string& path) {
 // Level and message of every line, up to the details in parentheses.
 std::string logOf(ScopedLogCapture& cap) {
   std::string out;
-  for (const auto& l : cap.sink().lines()) out += l.level + " " + l.message.substr(0, l.message.find(" (")) + ";";
+  for (const auto& l : cap.lines()) out += l.level + " " + l.message.substr(0, l.message.find(" (")) + ";";
   return out;
 }
 
@@ -45,7 +44,7 @@ TEST(ConfStore, ValuesModesAndWhatMustFit) {
     got += get(dir.file("v.cfg")) + "|";
   }
   EXPECT_EQ(got, "|/data/agent|a|a|a||short|vvvvvvvvvvv|!|!|!|");
-  EXPECT_EQ(cap.sink().lines().size(), 3u);
+  EXPECT_EQ(cap.lines().size(), 3u);
   const mode_t old = umask(022);
   got.clear();
   for (int flags = 0; flags < 4; ++flags) {  // owner only, then everyone read-write
@@ -80,7 +79,7 @@ TEST(ConfStore, ReadFailuresAreLoggedByStep) {
             "ERR osal_getconfstr -> osal_read failed;DBG osal_open -> open failed;ERR osal_getconfstr -> osal_open "
             "failed;DBG osal_open -> open failed;ERR osal_setconfstr -> osal_open failed;");
   // Named by its path in the repository, whatever directory the build ran in.
-  EXPECT_EQ(cap.sink().lines().at(1).file, "base/osal/MacOS/UxosalConf");
+  EXPECT_EQ(cap.lines().at(1).file, "base/osal/MacOS/UxosalConf");
 }
 
 // Anyone can make the directory in /tmp first: root must not write into one

@@ -5,7 +5,7 @@
 #include <atomic>
 #include <thread>
 
-#include "CaptureLogCb.h"
+#include "TestSupport.h"
 #include "KXSys.h"
 #include "KXTerm.h"
 #include "KXThread.h"
@@ -33,7 +33,7 @@ TEST(Sync, MutexEventAndSemaphoreResults) {
                         sem.post(), sem.timedwait(0), full.init(0x7FFE), full.post(), full.post(), int(full.count())}),
       std::vector<int>({0, -1, 0, 0, 1, 1, 0, 0, 0, 0, -1, 0x7FFF}));
   std::string levels;
-  for (const auto& line : cap.sink().lines()) levels += line.level[0];
+  for (const auto& line : cap.lines()) levels += line.level[0];
   EXPECT_EQ(levels, "EEEEEEEDEDDDDDEDDE");
 }
 

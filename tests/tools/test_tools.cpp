@@ -2,12 +2,11 @@
 
 #include <cstring>
 
-#include "CaptureLogCb.h"
+#include "TestSupport.h"
 #include "KXException.h"
 #include "KXHash.h"
 #include "KXSys.h"
 #include "KXTerm.h"
-#include "TempDir.h"
 
 // Replaces the library's osal_doSleep for this program: slices are recorded
 // instead of slept, and one of 7 ms fails.
@@ -102,7 +101,7 @@ TEST(Conversions, TextsAndBufferSizes) {
                            : f == 'd' ? KXSys::decodeURLtoUTF8(u(in), out, size)
                                       : KXSys::encodeURLfromUTF8(u(in), out, size));
     } catch (const KXException& e) {
-      const auto lines = cap.sink().lines();
+      const auto lines = cap.lines();
       EXPECT_TRUE(e.getCode() == 1 && lines.size() == 1 && lines[0].module + lines[0].level == "EXCPERR");
       got = lines.at(0).message;
     }

@@ -13,8 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "CaptureLogCb.h"
-#include "TempDir.h"
+#include "TestSupport.h"
 #include "Updater.h"
 
 namespace {
@@ -162,7 +161,7 @@ TEST(Utils, ExeclogLogsBothStreamsOrTheFailureToStart) {
   EXPECT_EQ(utils::execlog(cmd), 4);
   cmd = "no-such-program-kx";
   EXPECT_EQ(utils::execlog(cmd), -1);
-  const auto lines = cap.sink().lines();
+  const auto lines = cap.lines();
   ASSERT_EQ(lines.size(), 4u);
   EXPECT_EQ(lines[0].message + "|" + lines[1].message + "|" + lines[2].message + lines[2].level + "|" + lines[3].level,
             "exec : sh -c \"echo out; echo err >&2; exit 4\"|out|errERR|ERR");

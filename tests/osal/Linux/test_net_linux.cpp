@@ -10,7 +10,7 @@
 #include <cstring>
 #include <tuple>
 
-#include "TempDir.h"
+#include "TestSupport.h"
 #include "osal_sysinfo_linux.h"
 #include "osalnet.h"
 
