@@ -5,10 +5,10 @@
 #include <atomic>
 #include <thread>
 
-#include "TestSupport.h"
 #include "KXSys.h"
 #include "KXTerm.h"
 #include "KXThread.h"
+#include "TestSupport.h"
 #include "osal_sync.h"
 #include "osal_time.h"
 

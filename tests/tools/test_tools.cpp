@@ -2,11 +2,11 @@
 
 #include <cstring>
 
-#include "TestSupport.h"
 #include "KXException.h"
 #include "KXHash.h"
 #include "KXSys.h"
 #include "KXTerm.h"
+#include "TestSupport.h"
 
 // Replaces the library's osal_doSleep for this program: slices are recorded
 // instead of slept, and one of 7 ms fails.
