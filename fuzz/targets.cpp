@@ -5,7 +5,6 @@
 //   fuzz_replay <target> <corpus dir or file>...   which replays seeds (ctest),
 //   and, with -DKX_FUZZ_TARGET=<target> -fsanitize=fuzzer, that fuzzer.
 #include <algorithm>
-#include <boost/locale/encoding_utf.hpp>
 #include <cctype>
 #include <cstddef>
 #include <cstdint>
@@ -15,22 +14,18 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <map>
 #include <set>
 #include <sstream>
 #include <stdexcept>
 #include <string>
 #include <system_error>
-#include <tuple>
 #include <utility>
 #include <vector>
 
-#include "HttpClient.h"
 #include "KXException.h"
 #include "KXLog.h"
 #include "KXSys.h"
 #include "Updater.h"
-#include "Version.h"
 #include "utils.h"
 
 namespace {
@@ -113,17 +108,6 @@ void attach_output(const std::string& in) {
           "a /Volumes/ field is found whole, trimmed, and the package is /<name>.pkg in it");
 }
 
-// The input up to its first NUL is a levels string; the exact reading of
-// well-formed ones is pinned down by the unit tests.
-void log_levels(const std::string& in) {
-  KXLog* log = KXLog::getLogger();
-  log->setLevels(upToNul(in).c_str());
-  for (unsigned m = 0; m < KXLM_COUNT; ++m) {
-    const int level = log->getLevel(static_cast<KXLogMType>(m));
-    require(level >= 0 && level <= 9, "every level is 0 to 9");
-  }
-}
-
 // The first byte picks the hex case; the rest is binary for the hex coders
 // and, up to its first NUL, a URL. The string and digest forms of the hex
 // coders are pinned down by the unit tests.
@@ -148,16 +132,6 @@ void hex_url(const std::string& in) {
                       [](unsigned char c) { return std::isalnum(c) || (c != 0 && std::strchr("-./_~%", c)); }) &&
               KXSys::decodeURLtoUTF8(enc.data(), dec.data(), len + 1) == len && dec == url,
           "an encoded URL holds safe characters and escapes only, and decodes back");
-}
-
-void utf8_fix(const std::string& in) {
-  const std::string text = upToNul(in);
-  std::string out = "left over from an earlier call", again;
-  KXSys::fixedUTF8(reinterpret_cast<const unsigned char*>(text.c_str()), out);
-  KXSys::fixedUTF8(reinterpret_cast<const unsigned char*>(out.c_str()), again);
-  // Boost's converter drops whatever is not well-formed UTF-8.
-  require(boost::locale::conv::utf_to_utf<char>(out) == out && again == out,
-          "the output is well-formed and needs no repair");
 }
 
 // The input up to its first NUL in decimal and in hex; the first eight bytes
@@ -185,23 +159,6 @@ void number_parse(const std::string& in) {
   }
 }
 
-// The first three lines are versions.
-void version_compare(const std::string& in) {
-  const std::vector<std::string> lines = split(in, '\n');
-  std::vector<Version> v;
-  for (size_t i = 0; i < std::min<size_t>(3, lines.size()); ++i) v.push_back(Version::parse(lines[i]));
-  auto parts = [](const Version& x) { return std::make_tuple(x.major, x.minor, x.third, x.fourth); };
-  for (const Version& a : v) {
-    require(std::min({a.major, a.minor, a.third, a.fourth}) >= -1 && parts(Version::parse(a.toString())) == parts(a),
-            "components are -1 or more, and a printed version parses back to itself");
-    for (const Version& b : v) {
-      const int ab = a.compare(b);
-      require((ab > 0) - (ab < 0) == (parts(a) > parts(b)) - (parts(a) < parts(b)),
-              "the first differing component decides, as a signed number");
-    }
-  }
-}
-
 // The content of a lock file; its first eight bytes also make a time written
 // in front of it.
 void lock_file(const std::string& in) {
@@ -218,31 +175,11 @@ void lock_file(const std::string& in) {
           "a written time reads back, blanks and later lines aside");
 }
 
-// Cut after each line feed and delivered line by line, as libcurl does.
-void header_lines(const std::string& in) {
-  std::map<std::string, std::string> headers;
-  for (const std::string& piece : split(in, '\n')) {
-    std::string line = piece + '\n';
-    require(HttpClient::readHeadersCb(&line[0], 1, line.size(), &headers) == line.size(), "the whole line is taken");
-  }
-  for (const auto& [key, value] : headers) {
-    require(key.find(':') == key.npos && trim(key) == key && trim(value) == value,
-            "a key ends at the first ':', and keys and values are trimmed");
-  }
-}
-
 using Target = void (*)(const std::string& input);
 
 const std::pair<const char*, Target> kTargets[] = {
-    {"agent_setup_def", agent_setup_def},
-    {"attach_output", attach_output},
-    {"log_levels", log_levels},
-    {"hex_url", hex_url},
-    {"utf8_fix", utf8_fix},
-    {"number_parse", number_parse},
-    {"version_compare", version_compare},
-    {"header_lines", header_lines},
-    {"lock_file", lock_file},
+    {"agent_setup_def", agent_setup_def}, {"attach_output", attach_output}, {"hex_url", hex_url},
+    {"number_parse", number_parse},       {"lock_file", lock_file},
 };
 
 Target targetNamed(const std::string& name) {

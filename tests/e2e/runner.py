@@ -333,7 +333,8 @@ class Case:
             ok = {"absent": lambda: st is None, "exists": lambda: True, "link": lambda: stat.S_ISLNK(st.st_mode),
                   "dir": lambda: stat.S_ISDIR(st.st_mode), "package": lambda: content() == self.package,
                   "text": lambda: content() == unescape(self.subst(arg)), "mode": lambda: stat.S_IMODE(st.st_mode) == int(arg, 8),
-                  "size": lambda: st.st_size == int(arg), "below": lambda: st.st_size < int(arg)}[kind]
+                  "size": lambda: st.st_size == int(arg), "below": lambda: st.st_size < int(arg),
+                  "owner": lambda: st.st_uid == int(arg)}[kind]
             if not ((st is not None or kind == "absent") and ok()):
                 self.failures.append(f"file {path}: expected {kind} {arg}")
         elif key not in ("last", "nolog"):

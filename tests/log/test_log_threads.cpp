@@ -5,8 +5,6 @@
 
 #include "TestSupport.h"
 
-namespace {
-
 std::string message(int t, int i) { return std::to_string(t) + std::string((i * 7 + t) % 50, 'a') + std::to_string(i); }
 
 // Eight threads share the logger's one stream; the lock must keep every
@@ -28,5 +26,3 @@ TEST(LogThreads, ConcurrentStatementsNeverInterleaveOrGetLost) {
   }
   EXPECT_EQ(std::make_pair(threadOf.size(), cap.lines().size()), std::make_pair(size_t{8}, size_t{16000}));
 }
-
-}  // namespace

@@ -11,8 +11,6 @@
 #include "TestSupport.h"
 #include "osal_conf.h"
 
-namespace {
-
 using namespace std::string_literals;
 
 // The value read with a 12-byte buffer prefilled with '#', so that a missing
@@ -128,5 +126,3 @@ TEST(ConfStore, TemporaryValueOnlyInADirectoryOfOurOwn) {
   ASSERT_EQ(osal_setconfstrtmpIn(tmpDir.c_str(), "x", std::string(200, 'v').c_str()), 0);
   EXPECT_EQ(readFile(dir.file("victim")) + readFile(path), "precious" + std::string(path.size(), 'v'));
 }
-
-}  // namespace

@@ -12,8 +12,6 @@
 #include "osal_sync.h"
 #include "osal_time.h"
 
-namespace {
-
 // Results are compared as one list, in call order; the levels of the log's
 // lines too, so that a failure that goes unreported shows.
 TEST(Sync, MutexEventAndSemaphoreResults) {
@@ -89,5 +87,3 @@ TEST(Time, ClockDeadlinesAndTerminator) {
   TimeoutTerminator later(3600 * 1000ULL), zero(0);
   EXPECT_TRUE(zero.chkTerminate() && !later.chkTerminate() && (later.reset(0), later.chkTerminate()));
 }
-
-}  // namespace

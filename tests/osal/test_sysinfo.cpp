@@ -8,8 +8,6 @@
 #include "osal_sysinfo.h"
 #include "osalnet.h"
 
-namespace {
-
 using namespace std::string_literals;
 
 std::string releaseName(const char* productVersion) {
@@ -77,5 +75,3 @@ TEST(SysInfo, MachineKindEnvironmentMemoryAndLocalHosts) {
   }
   EXPECT_EQ(local + std::to_string(isHostLocal(nullptr)), "111111000000");
 }
-
-}  // namespace

@@ -16,8 +16,6 @@ int osal_doSleep(unsigned int ms) {
   return ms == 7 ? -1 : 0;
 }
 
-namespace {
-
 const unsigned char* u(const char* s) { return reinterpret_cast<const unsigned char*>(s); }
 std::string str(const void* s) { return static_cast<const char*>(s); }
 
@@ -191,5 +189,3 @@ TEST(Md5, EveryEntryPointAndState) {
   h.reset(), h.update("abc", 3), h._ends(), h.getBin(bin);
   EXPECT_EQ(memcmp(bin, "\x90\x01\x50\x98", 4), 0);
 }
-
-}  // namespace

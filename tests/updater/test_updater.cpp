@@ -16,8 +16,6 @@
 #include "TestSupport.h"
 #include "Updater.h"
 
-namespace {
-
 using Lines = std::vector<std::string>;
 
 // Definition file entries, "<path> <setup> <os> <arch>" each, as JSON.
@@ -166,5 +164,3 @@ TEST(Utils, ExeclogLogsBothStreamsOrTheFailureToStart) {
   EXPECT_EQ(lines[0].message + "|" + lines[1].message + "|" + lines[2].message + lines[2].level + "|" + lines[3].level,
             "exec : sh -c \"echo out; echo err >&2; exit 4\"|out|errERR|ERR");
 }
-
-}  // namespace

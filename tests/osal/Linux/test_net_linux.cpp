@@ -14,8 +14,6 @@
 #include "osal_sysinfo_linux.h"
 #include "osalnet.h"
 
-namespace {
-
 using namespace std::string_literals;
 constexpr unsigned kUp = IFF_UP, kLoop = IFF_UP | IFF_LOOPBACK;
 
@@ -92,5 +90,3 @@ TEST(OsRelease, PrettyNameFirstThenNameAndVersion) {
   got += std::to_string(osal_releaseNameFromOsRelease(dir.file("missing").c_str(), out, sizeof out)) + out;
   EXPECT_EQ(got, "1Debian GNU/Linux 12 (bookworm)|1Alpine Linux 3.20.1|1Arch|1Say \"hi\"\\|1\"|0untouched|0untouched");
 }
-
-}  // namespace
