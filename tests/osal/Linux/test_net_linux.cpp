@@ -71,7 +71,9 @@ TEST(InterfaceSelection, PrimaryAddressesAndHardwareAddress) {
   EXPECT_EQ(got, "tun0|0A:BC:DE:F0:12:34|192.168.1.20|fe80::abc:def0:1234|||||||");
   EXPECT_EQ(osal_primaryInterfaceName(Interfaces{{"lo", kLoop, ""}, {"eth0", 0, ""}}.list.data()), "");
   EXPECT_EQ(host.picked("eth0") + host.picked("en0") + host.picked("tun0"), eth0 + wlan0 + wlan0);
-  EXPECT_EQ(Interfaces({{"lo", kLoop, "ll\0\0\0\0\0\0"s}, {"eth0", kUp, "10.0.0.1"}}).picked("eth0"), "none");
+  EXPECT_EQ(Interfaces({{"lo", kLoop, "ll\0\0\0\0\0\0"s}, {"eth0", kUp, "10.0.0.1"}}).picked("eth0") +
+                Interfaces({{"x", kUp, "ll\x01\0\0\0\0\0"s}}).picked("x"),
+            "nonell\x01\0\0\0\0\0"s);  // a first byte alone makes an address real
 }
 
 // PRETTY_NAME first, else NAME and VERSION_ID, with shell quoting undone.
