@@ -42,23 +42,23 @@ def unescape(text):
 
 
 # The BODY of an answer or of a planted file (see update.cases).
-def body_of(spec, case):
-    if m := re.fullmatch(r"pkg([+-]\d+)?", spec):
+def body_of(text, case):
+    if m := re.fullmatch(r"pkg([+-]\d+)?", text):
         return (case.package * 2)[:len(case.package) + int(m.group(1) or 0)]
-    if m := re.fullmatch(r"(junk|lines):(\d+)", spec):
+    if m := re.fullmatch(r"(junk|lines):(\d+)", text):
         unit, n = (b"x" if m.group(1) == "junk" else b"o" * 99 + b"\n"), int(m.group(2))
         body = (unit * (n // len(unit) + 1))[:n]
         return body if unit == b"x" else body[:-1] + b"\n"  # whole lines, none of them a log line
-    if spec.startswith("@"):
-        return Path(spec[1:]).read_bytes()
-    return unescape(spec[1:]) if spec.startswith("=") else {
+    if text.startswith("@"):
+        return Path(text[1:]).read_bytes()
+    return unescape(text[1:]) if text.startswith("=") else {
         "other": lambda: bytes(b ^ 0x5A for b in case.package), "page": lambda: PAGE, "big": lambda: b"7.3.0.0 " * (1 << 20),
-        "md5": lambda: f"{hashlib.md5(case.package).hexdigest()}  {case.flow['pkg']}\n".encode()}[spec]()
+        "md5": lambda: f"{hashlib.md5(case.package).hexdigest()}  {case.flow['pkg']}\n".encode()}[text]()
 
 
 class Answer:
-    def __init__(self, spec, case):
-        body, *mods = spec.split(",") if not spec.startswith("=") else (spec, )
+    def __init__(self, answer, case):
+        body, *mods = answer.split(",") if not answer.startswith("=") else (answer, )
         body, mods = ("page", [body] + mods) if body.startswith("redirect=") else (body, mods)
         self.status, body = (int(body), "page") if re.fullmatch(r"\d{3}", body) else (200, body)
         self.body, self.location, self.fault = body_of(body, case), None, None
