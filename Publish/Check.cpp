@@ -7,7 +7,6 @@
 #include <cstdio>
 #include <iomanip>
 #include <iostream>
-#include <map>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
@@ -158,17 +157,15 @@ Row checkOne(const Target& t, const std::string& server, const std::string& from
   if (r == 5) return fail(row, 5, "published version is not four numbers");
   row.version = available.toString();
 
-  const std::string md5 = u.fetchExpectedMd5(p);
+  std::string hashFile;
+  const std::string md5 = u.fetchExpectedMd5(p, &hashFile);
   row.md5 = md5.empty() ? "none" : isLowerHex32(md5) ? "ok" : "bad";
   // What the package was published as, where kx-publish wrote it down.
-  std::string body;
-  std::map<std::string, std::string> headers;
+  const size_t note = hashFile.find("\n# version ");
   char recordedVersion[64] = {};
   unsigned long long recordedSize = 0;
-  const bool recorded = u.httpClient.get(p.hashUrl, body, headers) == 0 &&
-                        body.find("\n# version ") != std::string::npos &&
-                        std::sscanf(body.c_str() + body.find("\n# version "), "\n# version %63s size %llu",
-                                    recordedVersion, &recordedSize) == 2;
+  const bool recorded = note != std::string::npos && std::sscanf(hashFile.c_str() + note, "\n# version %63s size %llu",
+                                                                 recordedVersion, &recordedSize) == 2;
 
   unsigned long long size = 0;
   r = u.fetchExpectedSize(p, size);

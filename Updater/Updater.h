@@ -56,8 +56,9 @@ class Updater {
   // 0 when it succeeded. The published version (from the probe or the
   // version file): 0, 2 (request failed) or 5 (not a version).
   int fetchAvailableVersion(const utils::SetuParameter& p, Version& available);
-  // The sum the server publishes, or "" when there is none to check against.
-  std::string fetchExpectedMd5(const utils::SetuParameter& p);
+  // The sum the server publishes, or "" when there is none to check against;
+  // `file`, when given, receives the whole hash file as served.
+  std::string fetchExpectedMd5(const utils::SetuParameter& p, std::string* file = nullptr);
   // The package's size (from the probe or a HEAD request): 0, 2 or 7.
   int fetchExpectedSize(const utils::SetuParameter& p, unsigned long long& size);
   // Up to three downloads to p.setupPath until one has the size and, when a

@@ -360,7 +360,7 @@ int Updater::fetchAvailableVersion(const utils::SetuParameter& p, Version& avail
   return 0;
 }
 
-std::string Updater::fetchExpectedMd5(const utils::SetuParameter& p) {
+std::string Updater::fetchExpectedMd5(const utils::SetuParameter& p, std::string* file) {
   // The hash file holds "<sum> <file name>"; without a blank there is no
   // usable sum and the download is checked on its size alone.
   std::string body;
@@ -370,6 +370,7 @@ std::string Updater::fetchExpectedMd5(const utils::SetuParameter& p) {
     KXLOG(KXLM_ROOT, KXLL_ERR, "No file signature available (skip verification): [" << c << "]");
     return std::string();
   }
+  if (file != nullptr) *file = body;
   const size_t blank = body.find(' ');
   if (blank == std::string::npos) return std::string();
   std::string sum = body.substr(0, blank);
