@@ -25,8 +25,8 @@ namespace {
 
 // "wb", but the file usually lands in a shared temporary directory and the
 // program runs as root: a link or a hard link planted there is never written
-// through (osal_openOwned). Unbuffered, so that every write has reached the
-// file when it returns; readable, for the Follower.
+// through (osal_openOwned). Readable, for the Follower, which is told what
+// reached the file at each flush of a step.
 constexpr size_t kFileStep = size_t{1} << 20;
 
 FILE* openForDownload(const std::string& path) {
@@ -281,7 +281,7 @@ int HttpClient::download(const std::string& url, const std::string& path, std::m
   int lastPercent = 0;
   // One byte past the limit is kept, so that the file is of the wrong size
   // rather than a plausible prefix of something longer.
-  std::unique_ptr<Follower> follower(md5 != nullptr ? new Follower(fileno(file)) : nullptr);
+  const std::unique_ptr<Follower> follower = md5 != nullptr ? std::make_unique<Follower>(fileno(file)) : nullptr;
   DownloadTarget target{file, limit == kNoLimit ? kNoLimit : limit + 1, follower.get()};
   curl_easy_setopt(handle, CURLOPT_NOBODY, 0L);
   curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, &writeLimited);
