@@ -151,9 +151,9 @@ std::string hexOf(KXHashMD5& h) {
   return str(hex);
 }
 
-// Every entry point on data that crosses the 4096-byte read chunk and the
-// 64-byte block; numbers go in as their digits reversed, texts with their
-// terminator; a closed hash refuses data, logged, until reset.
+// Every entry point on data that crosses the 64-byte block, and a file of
+// more read chunks than are read ahead (each chunk's bytes its own); numbers go in as their digits reversed, texts with
+// their terminator; a closed hash refuses data, logged, until reset.
 TEST(Md5, EveryEntryPointAndState) {
   ScopedLogCapture cap;
   TempDir dir;
@@ -188,4 +188,10 @@ TEST(Md5, EveryEntryPointAndState) {
   EXPECT_EQ(cap.messages(), std::vector<std::string>(2, "NET: Cannot update, bad state"));
   h.reset(), h.update("abc", 3), h._ends(), h.getBin(bin);
   EXPECT_EQ(memcmp(bin, "\x90\x01\x50\x98", 4), 0);
+  std::string chunks(5 * 128 * 1024 + 1, '\0');
+  for (size_t i = 0; i < chunks.size(); ++i) chunks[i] = static_cast<char>(i >> 12);
+  writeFile(dir.file("g"), chunks);
+  h.reset(), h.update(chunks.data(), static_cast<unsigned int>(chunks.size()));
+  KXHashMD5::computeFileHexHash(u(dir.file("g").c_str()), hex[0]);
+  EXPECT_EQ(str(hex[0]), hexOf(h));
 }
