@@ -5,17 +5,16 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <condition_variable>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <locale>
 #include <memory>
-#include <mutex>
 #include <thread>
 
 #include <curl/curl.h>
 
+#include "KXChunkRing.h"
 #include "KXHash.h"
 #include "KXLog.h"
 #include "osal_file.h"
@@ -25,122 +24,121 @@ namespace {
 
 // "wb", but the file usually lands in a shared temporary directory and the
 // program runs as root: a link or a hard link planted there is never written
-// through (osal_openOwned). Readable, for the Follower, which is told what
-// reached the file at each flush of a step.
-constexpr size_t kFileStep = size_t{1} << 20;
-
+// through (osal_openOwned). Unbuffered: DownloadTarget gathers the bytes.
 FILE* openForDownload(const std::string& path) {
   int fd = -1;
-  if (osal_openOwned(path.c_str(), O_TRUNC | O_RDWR, &fd) != 0) return nullptr;
+  if (osal_openOwned(path.c_str(), O_TRUNC, &fd) != 0) return nullptr;
   FILE* file = fdopen(fd, "wb");
   if (file == nullptr) {
     close(fd);
     return nullptr;
   }
-  // libcurl hands over 16 KiB at a time; written through as they come, they
-  // cost a system call each and wake the Follower each time.
-  setvbuf(file, nullptr, _IOFBF, kFileStep);
+  setvbuf(file, nullptr, _IONBF, 0);
   return file;
 }
 
-// Hashes a download while it lands: a thread reads the file back behind the
-// writer, through the same descriptor, so that receiving and hashing overlap
-// (the slower of the two sets the pace, not their sum) and what is hashed is
-// what the file holds, not what was received.
-class Follower {
- public:
-  explicit Follower(int fd) : _fd(fd), _thread(&Follower::run, this) {}
-  ~Follower() { stop(); }
-  Follower(const Follower&) = delete;
-  Follower& operator=(const Follower&) = delete;
+// libcurl hands over about 16 KiB at a time; written through as they come,
+// they would cost a system call each.
+constexpr size_t kFileStep = 256 << 10;
+constexpr unsigned kHashSlots = 4;
 
-  // The file now holds `bytes` bytes.
-  void wrote(uint64_t bytes) {
-    {
-      const std::lock_guard<std::mutex> lock(_mutex);
-      _written = bytes;
+// Where a download writes, and how much more it may take. The bytes gather
+// into steps, each written to the file in one call. When the download is
+// hashed, a step that reached the file in full goes on to a thread of its own
+// that hashes it while the next ones arrive: the slower of receiving and
+// hashing sets the pace, not their sum. What is hashed is what the file
+// holds: every write is checked, and so is the file's size at the end.
+class DownloadTarget {
+ public:
+  DownloadTarget(uint64_t room, bool hashed)
+      : _room(room),
+        _ring(hashed ? std::make_unique<KXChunkRing>(kFileStep, kHashSlots) : nullptr),
+        _own(hashed ? nullptr : new char[kFileStep]),
+        _step(hashed ? _ring->slotToFill() : _own.get()) {
+    if (hashed) {
+      _hasher = std::thread([this] {
+        _ring->drain([this](const char* data, size_t length) {
+          _hash.update(data, static_cast<unsigned int>(length));
+          _hashed += length;
+        });
+      });
     }
-    _wake.notify_one();
+  }
+  ~DownloadTarget() { stopHashing(); }
+  // Made before the file is opened: if the memory or the thread cannot be
+  // had, no descriptor is left behind by the exception.
+  void writeTo(FILE* file) { _file = file; }
+  DownloadTarget(const DownloadTarget&) = delete;
+  DownloadTarget& operator=(const DownloadTarget&) = delete;
+
+  // libcurl's write callback: takes what fits in the room left, and
+  // returns n only when all of it was kept.
+  size_t take(const char* data, size_t n) {
+    const size_t kept = n <= _room ? n : static_cast<size_t>(_room);
+    for (size_t done = 0; done < kept;) {
+      const size_t part = std::min(kept - done, kFileStep - _used);
+      std::memcpy(_step + _used, data + done, part);
+      _used += part;
+      done += part;
+      if (_used == kFileStep && !writeStep()) return 0;
+    }
+    _room -= kept;
+    if (kept == n) return n;
+    _overflowed = true;
+    return 0;
   }
 
-  // Lower-case MD5 of the whole file, or "" when it could not all be read
-  // back (the caller then reads it again from the start).
-  std::string finish() {
-    stop();
+  // Writes what is gathered; false when the file would not take it (a full
+  // disk).
+  bool flush() { return _used == 0 || writeStep(); }
+
+  // Whether the transfer ended because the body ran past the room.
+  bool overflowed() const { return _overflowed; }
+
+  // After flush: the lower-case MD5 of the whole file, or "" when the
+  // download was not hashed or not all of the file was.
+  std::string md5() {
+    if (_ring == nullptr) return std::string();
+    stopHashing();
     struct stat st {};
-    if (_failed || fstat(_fd, &st) != 0 || static_cast<uint64_t>(st.st_size) != _hashed) return std::string();
+    if (_failed || fstat(fileno(_file), &st) != 0 || static_cast<uint64_t>(st.st_size) != _hashed) return std::string();
     unsigned char hex[33] = {};
     _hash.getHex(hex);
     return utils::lowerCase(reinterpret_cast<const char*>(hex));
   }
 
  private:
-  static constexpr size_t kChunk = 256 << 10;
-
-  void stop() {
-    {
-      const std::lock_guard<std::mutex> lock(_mutex);
-      _stopping = true;
+  bool writeStep() {
+    const size_t length = _used;
+    _used = 0;
+    if (HttpClient::readFileResponseCb(_step, 1, length, _file) != length) {
+      _failed = true;
+      return false;
     }
-    _wake.notify_one();
-    if (_thread.joinable()) _thread.join();
-  }
-
-  void run() {
-    const std::unique_ptr<char[]> buffer(new char[kChunk]);
-    for (;;) {
-      uint64_t target = 0;
-      bool last = false;
-      {
-        std::unique_lock<std::mutex> lock(_mutex);
-        _wake.wait(lock, [this] { return _written > _hashed || _stopping; });
-        target = _written;
-        last = _stopping;
-      }
-      while (_hashed < target) {
-        const ssize_t n = pread(_fd, buffer.get(), static_cast<size_t>(std::min<uint64_t>(kChunk, target - _hashed)),
-                                static_cast<off_t>(_hashed));
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) {
-          _failed = true;
-          return;
-        }
-        _hash.update(buffer.get(), static_cast<unsigned int>(n));
-        _hashed += static_cast<uint64_t>(n);
-      }
-      if (last) return;
+    if (_ring != nullptr) {
+      _ring->publish(length);
+      _step = _ring->slotToFill();
     }
-  }
-
-  const int _fd;
-  KXHashMD5 _hash;
-  uint64_t _hashed = 0;  // the thread's own until it is joined
-  bool _failed = false;
-  std::mutex _mutex;
-  std::condition_variable _wake;
-  uint64_t _written = 0;
-  bool _stopping = false;
-  std::thread _thread;  // last: starts once everything it uses exists
-};
-
-// Where a download writes: the file, how much more it may take, and who
-// follows it.
-struct DownloadTarget {
-  FILE* file;
-  uint64_t room;
-  Follower* follower;
-  uint64_t written = 0;
-  uint64_t flushed = 0;  // what the file holds, for the Follower
-  bool overflowed = false;
-
-  // Hands the Follower what reached the file; false when the file would not
-  // take it (a full disk).
-  bool flush() {
-    if (std::fflush(file) != 0) return false;
-    flushed = written;
-    if (follower != nullptr) follower->wrote(flushed);
     return true;
   }
+
+  void stopHashing() {
+    if (!_hasher.joinable()) return;
+    _ring->end();
+    _hasher.join();
+  }
+
+  FILE* _file = nullptr;
+  uint64_t _room;
+  const std::unique_ptr<KXChunkRing> _ring;
+  const std::unique_ptr<char[]> _own;
+  char* _step;
+  size_t _used = 0;
+  bool _failed = false;
+  bool _overflowed = false;
+  KXHashMD5 _hash;
+  uint64_t _hashed = 0;  // the hasher's own until it is joined
+  std::thread _hasher;
 };
 
 // Kept as the program has always written them, misspelling and double blanks
@@ -157,18 +155,8 @@ int xferInfoAdapter(void* clientp, curl_off_t dltotal, curl_off_t dlnow, curl_of
                                 static_cast<long>(ultotal), static_cast<long>(ulnow));
 }
 
-// readFileResponseCb within the room the download has left.
-size_t writeLimited(void* data, size_t size, size_t nmemb, void* userp) {
-  auto& target = *static_cast<DownloadTarget*>(userp);
-  const size_t n = size * nmemb;
-  const size_t kept = n <= target.room ? n : static_cast<size_t>(target.room);
-  const size_t written = HttpClient::readFileResponseCb(data, 1, kept, target.file);
-  target.room -= written;
-  target.written += written;
-  if (target.written - target.flushed >= kFileStep && !target.flush()) return 0;
-  if (written == n) return n;
-  target.overflowed = written == kept;
-  return 0;
+size_t writeToTarget(void* data, size_t size, size_t nmemb, void* userp) {
+  return static_cast<DownloadTarget*>(userp)->take(static_cast<const char*>(data), size * nmemb);
 }
 
 // Header lines arrive with their CR LF and whatever padding the server chose.
@@ -276,15 +264,15 @@ int HttpClient::download(const std::string& url, const std::string& path, std::m
   if (!init()) return -1;
   headers.clear();
   curl_easy_setopt(handle, CURLOPT_URL, (config + url).c_str());
-  FILE* file = openForDownload(path);
-  if (file == nullptr) return -1;
-  int lastPercent = 0;
   // One byte past the limit is kept, so that the file is of the wrong size
   // rather than a plausible prefix of something longer.
-  const std::unique_ptr<Follower> follower = md5 != nullptr ? std::make_unique<Follower>(fileno(file)) : nullptr;
-  DownloadTarget target{file, limit == kNoLimit ? kNoLimit : limit + 1, follower.get()};
+  DownloadTarget target(limit == kNoLimit ? kNoLimit : limit + 1, md5 != nullptr);
+  FILE* file = openForDownload(path);
+  if (file == nullptr) return -1;
+  target.writeTo(file);
+  int lastPercent = 0;
   curl_easy_setopt(handle, CURLOPT_NOBODY, 0L);
-  curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, &writeLimited);
+  curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, &writeToTarget);
   curl_easy_setopt(handle, CURLOPT_WRITEDATA, &target);
   curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, &HttpClient::readHeadersCb);
   curl_easy_setopt(handle, CURLOPT_HEADERDATA, &headers);
@@ -306,9 +294,9 @@ int HttpClient::download(const std::string& url, const std::string& path, std::m
   // A body that runs past what the server announced is cut rather than
   // allowed to fill the disk; what was kept is a complete (if wrong-sized)
   // download for the caller's size check.
-  if (rc == CURLE_WRITE_ERROR && target.overflowed) rc = CURLE_OK;
+  if (rc == CURLE_WRITE_ERROR && target.overflowed()) rc = CURLE_OK;
   if (!target.flush() && rc == CURLE_OK) rc = CURLE_WRITE_ERROR;
-  if (follower != nullptr) *md5 = follower->finish();
+  if (md5 != nullptr) *md5 = target.md5();
   return finishRequest(handle, rc, url, kGetStatusFailure, file);
 }
 

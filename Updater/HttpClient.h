@@ -44,9 +44,10 @@ class HttpClient {
   // never written through. With a limit, writing stops one byte past it and
   // the transfer ends there as if complete, so that an endless body cannot
   // fill the disk and the caller's size check sees the difference.
-  // With md5, the file is hashed while it is written (read back by a second
-  // thread, joined before the call returns) and *md5 receives the lower-case
-  // MD5 of what the file holds, or "" when that could not be established.
+  // With md5, the file is hashed while it is written (by a second thread,
+  // joined before the call returns, from each step that reached the file)
+  // and *md5 receives the lower-case MD5 of what the file holds, or "" when
+  // that could not be established.
   static constexpr uint64_t kNoLimit = ~uint64_t{0};
   int download(const std::string& url, const std::string& path, std::map<std::string, std::string>& headers,
                uint64_t limit = kNoLimit, std::string* md5 = nullptr);

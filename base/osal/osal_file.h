@@ -24,8 +24,7 @@ int osal_open(const char* path, KXOpenMode mode, bool noCache, int* fd);
 // and the file created anew, exclusively, with mode 0644; a device or a
 // directory is left alone and the call fails. flags adds
 // O_APPEND or O_TRUNC (the truncation happens only once the file passed the
-// checks), and O_RDWR for a descriptor that can also read back what was
-// written (else it is write-only). The descriptor is close-on-exec.
+// checks). The descriptor is write-only and close-on-exec.
 int osal_openOwned(const char* path, int flags, int* fd);
 
 // Reads up to size bytes, retrying short reads until size or end of file;

@@ -83,7 +83,7 @@ int blocking(int fd) {
 }  // namespace
 
 int osal_openOwned(const char* path, int flags, int* fd) {
-  const int extra = (flags & O_APPEND) | ((flags & O_RDWR) != 0 ? O_RDWR : O_WRONLY);
+  const int extra = (flags & O_APPEND) | O_WRONLY;
   int rc = openNoFollow(path, O_CREAT | extra);
   if (rc >= 0 && !isOwnedRegularFile(rc)) {
     close(rc);
