@@ -65,11 +65,12 @@ class DownloadTarget {
     }
   }
   ~DownloadTarget() { stopHashing(); }
+  DownloadTarget(const DownloadTarget&) = delete;
+  DownloadTarget& operator=(const DownloadTarget&) = delete;
+
   // Made before the file is opened: if the memory or the thread cannot be
   // had, no descriptor is left behind by the exception.
   void writeTo(FILE* file) { _file = file; }
-  DownloadTarget(const DownloadTarget&) = delete;
-  DownloadTarget& operator=(const DownloadTarget&) = delete;
 
   // libcurl's write callback: takes what fits in the room left, and
   // returns n only when all of it was kept.
