@@ -96,13 +96,12 @@ class DownloadTarget {
   // Whether the transfer ended because the body ran past the room.
   bool overflowed() const { return _overflowed; }
 
-  // After flush: the lower-case MD5 of the whole file, or "" when the
-  // download was not hashed or not all of the file was.
+  // After flush, for a hashed download: the lower-case MD5 of the whole
+  // file, or "" when not all of the file was hashed.
   std::string md5() {
-    if (_ring == nullptr) return std::string();
     stopHashing();
     struct stat st {};
-    if (_failed || fstat(fileno(_file), &st) != 0 || static_cast<uint64_t>(st.st_size) != _hashed) return std::string();
+    if (fstat(fileno(_file), &st) != 0 || static_cast<uint64_t>(st.st_size) != _hashed) return std::string();
     unsigned char hex[33] = {};
     _hash.getHex(hex);
     return utils::lowerCase(reinterpret_cast<const char*>(hex));
@@ -112,10 +111,9 @@ class DownloadTarget {
   bool writeStep() {
     const size_t length = _used;
     _used = 0;
-    if (HttpClient::readFileResponseCb(_step, 1, length, _file) != length) {
-      _failed = true;
-      return false;
-    }
+    // A step that fell short is not hashed; any part of it that reached the
+    // file makes the file's size differ from what was, and md5() gives "".
+    if (HttpClient::readFileResponseCb(_step, 1, length, _file) != length) return false;
     if (_ring != nullptr) {
       _ring->publish(length);
       _step = _ring->slotToFill();
@@ -135,7 +133,6 @@ class DownloadTarget {
   const std::unique_ptr<char[]> _own;
   char* _step;
   size_t _used = 0;
-  bool _failed = false;
   bool _overflowed = false;
   KXHashMD5 _hash;
   uint64_t _hashed = 0;  // the hasher's own until it is joined
