@@ -94,6 +94,8 @@ class Handler(BaseHTTPRequestHandler):
 
     def respond(self, head):
         case = self.server.case
+        if self.headers.get("User-Agent") != "Updater/1.0.0":
+            case.failures.append(f"{self.command} {self.path} came as {self.headers.get('User-Agent')!r}")
         a = case.answer_for(self.command, self.path)
         if a.fault == "silent":
             return case.stopping.wait()

@@ -1,5 +1,5 @@
 // The client's callbacks at edges a transfer through the program does not
-// reach, and a client after a download and after cleanup(). Transfers
+// reach, and a client after a hashed download and after cleanup(). Transfers
 // themselves (statuses, redirects, resets, HTTPS) are shown by tests/e2e.
 #include <gtest/gtest.h>
 
@@ -8,6 +8,7 @@
 
 #include "HttpClient.h"
 #include "TestSupport.h"
+#include "utils.h"
 
 using Headers = std::map<std::string, std::string>;
 
@@ -48,17 +49,20 @@ TEST(HttpCallbacks, TextBodiesStopAtFourMebibytes) {
   EXPECT_EQ(body.size(), HttpClient::kMaxTextBody);
 }
 
-TEST(HttpClientLife, NoProgressAfterADownloadAndNoRequestAfterCleanup) {
+TEST(HttpClientLife, DownloadHashedAsWrittenThenNoProgressAndNoRequestAfterCleanup) {
   const TempDir dir;
-  writeFile(dir.file("v"), std::string(300000, 'v'));
-  const std::string url = "file://" + dir.file("v");  // a "server" that answers without a status
+  writeFile(dir.file("v"), std::string(300000, 'v') + "w");  // more than one step of the file
+  const std::string url = "file://" + dir.file("v");         // a "server" that answers without a status
   HttpClient client;
   Headers headers;
-  std::string body;
-  ASSERT_EQ(client.download(url, dir.file("copy"), headers), 0);
+  std::string body, md5;
+  ASSERT_EQ(client.download(url, dir.file("copy"), headers, HttpClient::kNoLimit, &md5), 0);
+  EXPECT_EQ(md5, utils::computeMD5(dir.file("copy")));
   const ScopedLogCapture cap;
+  headers["stale"] = "from an earlier request";
   EXPECT_EQ(client.get(url, body, headers), 0);
   EXPECT_EQ(body, readFile(dir.file("copy")));
+  EXPECT_EQ(headers.count("stale"), 0u);
   client.cleanup();
   client.cleanup();
   EXPECT_TRUE(client.init());

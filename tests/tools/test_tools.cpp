@@ -186,7 +186,7 @@ TEST(Md5, EveryEntryPointAndState) {
   EXPECT_THROW(h.updateWithNum(1), KXException);
   EXPECT_EQ(hexOf(h), hexOf(fed));  // read twice, unchanged by the refused data
   EXPECT_EQ(cap.messages(), std::vector<std::string>(2, "NET: Cannot update, bad state"));
-  h.reset(), h.update("abc", 3), h._ends(), h.getBin(bin);
+  h.reset(), h.update("abc", 3), std::memset(bin, 0, sizeof bin), h.getBin(bin);
   EXPECT_EQ(memcmp(bin, "\x90\x01\x50\x98", 4), 0);
   std::string chunks(5 * 128 * 1024 + 1, '\0');
   for (size_t i = 0; i < chunks.size(); ++i) chunks[i] = static_cast<char>(i >> 12);
