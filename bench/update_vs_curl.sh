@@ -16,13 +16,13 @@
 # stays out of the figures.
 #
 #   bench/update_vs_curl.sh [build-dir] [size-MiB] [rounds] [paced bytes/s]
-#   defaults:               build       1024       3        100000000
+#   defaults:               build       1024       5        100000000
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 build=${1:-build}
 size_mib=${2:-1024}
-rounds=${3:-3}
+rounds=${3:-5}
 rate=${4:-100000000}
 limit_kib=$((16 * 1024))
 
