@@ -44,7 +44,8 @@ void FileKXLogCb::open() {
   _fd = -1;
   _size = -1;
   int fd = -1;
-  if (path.empty() || osal_openOwned(path.c_str(), O_APPEND, &fd) != 0) return;
+  const char* replaced = nullptr;
+  if (path.empty() || osal_openOwned(path.c_str(), O_APPEND, &fd, &replaced) != 0) return;
   struct stat st {};
   if (fstat(fd, &st) != 0) {
     ::close(fd);
@@ -52,6 +53,12 @@ void FileKXLogCb::open() {
   }
   _fd = fd;
   _size = static_cast<long long>(st.st_size);
+  // Said in the file itself: the sink cannot log through the logger, which
+  // may be holding its lock to call it.
+  if (replaced != nullptr) {
+    const std::string note = "Replaced " + path + ": it was " + replaced;
+    log(0, 0, "ROOT", "ERR", KX_LOG_FILE, __LINE__, "open", note.c_str());
+  }
 }
 
 namespace {

@@ -24,8 +24,10 @@ int osal_open(const char* path, KXOpenMode mode, bool noCache, int* fd);
 // and the file created anew, exclusively, with mode 0644; a device or a
 // directory is left alone and the call fails. flags adds
 // O_APPEND or O_TRUNC (the truncation happens only once the file passed the
-// checks). The descriptor is write-only and close-on-exec.
-int osal_openOwned(const char* path, int flags, int* fd);
+// checks). The descriptor is write-only and close-on-exec. replaced (may be
+// null) receives what was removed ("a link", ...), or null, so that the
+// caller can say so: a removal is never silent.
+int osal_openOwned(const char* path, int flags, int* fd, const char** replaced = nullptr);
 
 // Reads up to size bytes, retrying short reads until size or end of file;
 // *got receives the count.
@@ -53,3 +55,9 @@ int osal_noCache(int fd);
 // from libraries that do not mark their own). Async-signal-safe: meant for a
 // child between fork and exec. One definition per platform.
 void osal_closeOnExecFrom(int lowest);
+
+// Renames from to to only when nothing is at to yet (then -1 with errno
+// EEXIST), in one step: whoever sees to sees it complete. -1 with EINVAL or
+// ENOSYS where the file system cannot do it. One definition per platform;
+// does not log.
+int osal_renameNoReplace(const char* from, const char* to);

@@ -1,6 +1,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <linux/close_range.h>
+#include <stdio.h>
 #include <unistd.h>
 
 #include "osal_file.h"
@@ -20,4 +21,8 @@ void osal_closeOnExecFrom(int lowest) {
   // Kernels before 5.11: one call per possible descriptor.
   const long max = sysconf(_SC_OPEN_MAX);
   for (long fd = lowest; fd < max; ++fd) fcntl(static_cast<int>(fd), F_SETFD, FD_CLOEXEC);
+}
+
+int osal_renameNoReplace(const char* from, const char* to) {
+  return renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_NOREPLACE);
 }

@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <stdio.h>
 #include <unistd.h>
 
 #include "osal_file.h"
@@ -9,3 +10,5 @@ void osal_closeOnExecFrom(int lowest) {
   const int max = getdtablesize();
   for (int fd = lowest; fd < max; ++fd) fcntl(fd, F_SETFD, FD_CLOEXEC);
 }
+
+int osal_renameNoReplace(const char* from, const char* to) { return renamex_np(from, to, RENAME_EXCL); }

@@ -80,9 +80,19 @@ int blocking(int fd) {
   const int fl = fcntl(fd, F_GETFL);
   return fl < 0 ? -1 : fcntl(fd, F_SETFL, fl & ~O_NONBLOCK);
 }
+
+// What osal_openOwned removes from a path, or null for what it leaves alone.
+const char* plantedKind(const struct stat& st) {
+  if (S_ISLNK(st.st_mode)) return "a link";
+  if (S_ISFIFO(st.st_mode)) return "a FIFO";
+  if (S_ISSOCK(st.st_mode)) return "a socket";
+  if (!S_ISREG(st.st_mode)) return nullptr;
+  return st.st_uid != geteuid() ? "a file of another user" : "a file with other names";
+}
 }  // namespace
 
-int osal_openOwned(const char* path, int flags, int* fd) {
+int osal_openOwned(const char* path, int flags, int* fd, const char** replaced) {
+  if (replaced != nullptr) *replaced = nullptr;
   const int extra = (flags & O_APPEND) | O_WRONLY;
   int rc = openNoFollow(path, O_CREAT | extra);
   if (rc >= 0 && !isOwnedRegularFile(rc)) {
@@ -94,11 +104,12 @@ int osal_openOwned(const char* path, int flags, int* fd) {
     // file of their own) is not ours to write through and goes. A device or a
     // directory is left alone, and the exclusive create below then fails.
     struct stat st {};
-    if (lstat(path, &st) == 0 &&
-        (S_ISLNK(st.st_mode) || S_ISFIFO(st.st_mode) || S_ISSOCK(st.st_mode) || S_ISREG(st.st_mode)) &&
-        unlink(path) != 0) {
+    const char* kind = lstat(path, &st) == 0 ? plantedKind(st) : nullptr;
+    if (kind != nullptr && unlink(path) != 0) {
       const int err = errno;
       KXLOG(KXLM_OSAL, KXLL_DBG, "osal_openOwned -> unlink failed (" << err << ") " << path);
+    } else if (kind != nullptr && replaced != nullptr) {
+      *replaced = kind;
     }
     rc = openNoFollow(path, O_CREAT | O_EXCL | extra);
   }
