@@ -49,50 +49,29 @@ struct Row {
   bool ok = false;
 };
 
-// What the updater's code logs while one platform is checked; download
-// progress becomes one line on standard error.
+// Keeps the updater's log lines off the terminal (the rows say what counts);
+// download progress becomes one line on standard error.
 class Capture : public KXLogCb {
  public:
-  void log(unsigned int, unsigned long long, const char*, const char* level, const char*, int, const char*,
+  void log(unsigned int, unsigned long long, const char*, const char*, const char*, int, const char*,
            const char* message) override {
     const std::string text(message);
     if (text.rfind("Loading ", 0) == 0) {
       std::cerr << "\r" << label << ": downloading " << text.substr(8) << std::flush;
       progress = true;
-      return;
     }
-    lines.push_back(std::string(level) + " " + text);
-  }
-  bool has(const std::string& prefix) const {
-    for (const std::string& l : lines) {
-      if (l.find(prefix) == 4) return true;
-    }
-    return false;
-  }
-  // The status of the last failed request ("404"), or "-" when it got no
-  // answer at all (with libcurl's reason in *why); "" when none failed.
-  std::string lastStatus(std::string* why = nullptr) const {
-    for (auto it = lines.rbegin(); it != lines.rend(); ++it) {
-      const size_t at = it->find(" failed : [");
-      if (it->rfind("ERR Request ", 0) != 0 || at == std::string::npos) continue;
-      const size_t arrow = it->find("] -> ", at);
-      if (arrow == std::string::npos) return it->substr(at + 11, it->find(']', at) - at - 11);
-      if (why != nullptr) *why = it->substr(arrow + 5);
-      return "-";
-    }
-    return "";
-  }
-  // The last failed request as a reason: "package not found (404)".
-  std::string failure(const std::string& what) const {
-    std::string why;
-    const std::string status = lastStatus(&why);
-    if (status == "-") return "server unreachable (" + why + ")";
-    return what + (status == "404" ? " not found (404)" : " answered " + status);
   }
   std::string label;
-  std::vector<std::string> lines;
   bool progress = false;
 };
+
+// The latest request's failure as a reason: "package not found (404)", or
+// "server unreachable (...)" when no answer came.
+std::string failure(const HttpClient& client, const std::string& what) {
+  const HttpClient::Result& r = client.lastResult();
+  if (r.code < 0) return "server unreachable (" + r.error + ")";
+  return what + (r.code == 404 ? " not found (404)" : " answered " + std::to_string(r.code));
+}
 
 // "linux/amd64 deb" -> "linux deb": the platforms that publish one kind.
 std::string kindOf(const std::string& platform) {
@@ -117,12 +96,31 @@ Row notPublished(Row row) {
   return row;
 }
 
+// A package whose version or hash file is not served beside it: clients
+// would fail, or install it unchecked.
+Row halfPublished(Row row, const std::string& what) {
+  row.verdict = "half published: " + what;
+  return row;
+}
+
+// A macOS client found no directory with a version file: a package in one
+// of the places it probes is then published without it.
+std::string macPackageWithoutVersion(Updater& u, const std::string& server, int arch) {
+  const std::string archText = utils::agentArchToString(arch);
+  std::map<std::string, std::string> headers;
+  for (const char* dir : *Updater::probeDirectories(archText)) {
+    for (const char* name : *Updater::probePackages(archText)) {
+      if (u.httpClient.head(server + dir + "/" + name, headers) == 0) return server + dir + "/version_long.txt";
+    }
+  }
+  return std::string();
+}
+
 Row checkOne(const Target& t, const std::string& server, const std::string& from, bool download, const std::string& tmp,
              Capture& cap) {
   Row row;
   row.platform = t.name;
   cap.label = t.name;
-  cap.lines.clear();
   // A client of that platform, fresh: nothing is probed but the server.
   Updater u;
   u.serverUrl = server;
@@ -133,32 +131,47 @@ Row checkOne(const Target& t, const std::string& server, const std::string& from
   utils::SetuParameter p;
   try {
     p = u.getAgentSetup();
-  } catch (const std::exception& e) {
-    const std::string what = e.what();
-    if (cap.has("Parsing error : ")) return fail(row, 11, "definition file cannot be read");
-    if (cap.has("Refused setup name ")) return fail(row, 11, "setup name refused by clients");
-    if (cap.lastStatus() == "-") return fail(row, 11, cap.failure(""));
-    if (what == "Fail to parse agent_setup_def file" || what == "Unsupported distribution") return notPublished(row);
-    Updater::SetupInfo info;
-    if (t.os == utils::Macosx && u.getSetupRootPath(server, utils::agentArchToString(t.arch), info) == 5) {
-      return notPublished(row);
+  } catch (const Updater::SetupError& e) {
+    if (u.httpClient.lastResult().code < 0) return fail(row, 11, failure(u.httpClient, ""));
+    switch (e.kind) {
+      case Updater::SetupError::Unreadable:
+        return fail(row, 11, "definition file cannot be read (" + e.detail + ")");
+      case Updater::SetupError::Refused:
+        return fail(row, 11, e.detail + ", clients refuse it");
+      case Updater::SetupError::NoSize:
+        return fail(row, 11, e.detail);
+      case Updater::SetupError::NotOffered:
+        break;
     }
-    return fail(row, 11, what == "Failed to get any correct setup paths" ? "package has no size" : what);
+    if (t.os == utils::Macosx && !u.definitionUsed) {
+      if (const std::string missing = macPackageWithoutVersion(u, server, t.arch); !missing.empty()) {
+        return halfPublished(row, "version file " + missing + " is missing");
+      }
+    }
+    return notPublished(row);
   }
-  const bool byDefinition = cap.has("Use agent setup definition file");
+  const bool byDefinition = u.definitionUsed;
   row.listed = byDefinition;
   row.url = p.setupUrl;
   if (p.setupName.empty()) return fail(row, 2, "no package in " + p.versionUrl.substr(0, p.versionUrl.rfind('/')));
 
   Version available;
-  int r = u.fetchAvailableVersion(p, available);
-  if (r == 2 && !byDefinition && cap.lastStatus() == "404") return notPublished(row);
-  if (r == 2) return fail(row, 2, cap.failure("version file"));
-  if (r == 5) return fail(row, 5, "published version is not four numbers");
+  Outcome o = u.fetchAvailableVersion(p, available);
+  if (o.code == 2 && !byDefinition && u.httpClient.lastResult().code == 404) {
+    // Linux kinds share one legacy directory and its version file.
+    std::map<std::string, std::string> headers;
+    if (u.httpClient.head(p.setupUrl, headers) == 0) {
+      return halfPublished(row, "version file " + p.versionUrl + " is missing");
+    }
+    return notPublished(row);
+  }
+  if (o.code == 2) return fail(row, 2, failure(u.httpClient, "version file"));
+  if (o.code == 5) return fail(row, 5, "published version is not four numbers");
   row.version = available.toString();
 
   std::string hashFile;
   const std::string md5 = u.fetchExpectedMd5(p, &hashFile);
+  const HttpClient::Result hashAnswer = u.httpClient.lastResult();
   row.md5 = md5.empty() ? "none" : isLowerHex32(md5) ? "ok" : "bad";
   // What the package was published as, where kx-publish wrote it down.
   const size_t note = hashFile.find("\n# version ");
@@ -168,10 +181,15 @@ Row checkOne(const Target& t, const std::string& server, const std::string& from
                                                                  recordedVersion, &recordedSize) == 2;
 
   unsigned long long size = 0;
-  r = u.fetchExpectedSize(p, size);
-  if (r == 2) return fail(row, 2, cap.failure("package"));
-  if (r == 7) return fail(row, 7, "package has no size");
+  o = u.fetchExpectedSize(p, size);
+  if (o.code == 2) return fail(row, 2, failure(u.httpClient, "package"));
+  if (o.code == 7) return fail(row, 7, o.reason.substr(o.reason.find(": ") + 2));
   row.size = std::to_string(size);
+  if (hashAnswer.code == 404) return halfPublished(row, "hash file " + p.hashUrl + " is missing");
+  if (hashAnswer.code != 0) {
+    return halfPublished(row, "hash file " + p.hashUrl + " cannot be fetched (" +
+                                  (hashAnswer.code < 0 ? hashAnswer.error : std::to_string(hashAnswer.code)) + ")");
+  }
   if (row.md5 == "bad") return fail(row, 7, "MD5 does not match (every client computes 32 lower-case digits)");
   if (recorded && recordedVersion != row.version) {
     row.verdict = std::string("version bumped without its package (published as ") + recordedVersion + ")";
@@ -182,14 +200,14 @@ Row checkOne(const Target& t, const std::string& server, const std::string& from
     return row;
   }
   if (download) {
-    r = u.downloadVerified(p, size, md5);
+    o = u.downloadVerified(p, size, md5);
     if (cap.progress) std::cerr << "\n";
     cap.progress = false;
     boost::system::error_code ec;
     boost::filesystem::remove(p.setupPath, ec);
-    if (r == 2) return fail(row, 2, cap.failure("package"));
-    if (r == 6) return fail(row, 6, "package size differs from its announced size");
-    if (r == 7) return fail(row, 7, "MD5 does not match");
+    if (o.code == 2) return fail(row, 2, failure(u.httpClient, "package"));
+    if (o.code == 6) return fail(row, 6, "package size differs from its announced size");
+    if (o.code == 7) return fail(row, 7, "MD5 does not match");
     if (!md5.empty()) row.md5 = "verified";
   }
   row.ok = true;
@@ -220,14 +238,18 @@ void print(const std::vector<Row>& rows, bool json) {
     return;
   }
   size_t url = 3;
-  for (const Row& r : rows) url = std::max(url, r.url.size());
+  for (const Row& r : rows) url = std::max(url, utils::logText(r.url).size());
   const auto line = [url](const std::string& a, const std::string& b, const std::string& c, const std::string& d,
                           const std::string& e, const std::string& f) {
     std::cout << std::left << std::setw(17) << a << std::setw(static_cast<int>(url) + 2) << b << std::setw(12) << c
               << std::setw(11) << d << std::setw(10) << e << f << "\n";
   };
   line("PLATFORM", "URL", "VERSION", "SIZE", "MD5", "VERDICT");
-  for (const Row& r : rows) line(r.platform, r.url, r.version, r.size, r.md5, r.verdict);
+  // Addresses and recorded versions come from the server: escaped as in the
+  // log, so that no text of it can drive the publisher's terminal.
+  for (const Row& r : rows) {
+    line(r.platform, utils::logText(r.url), utils::logText(r.version), r.size, r.md5, utils::logText(r.verdict));
+  }
 }
 
 }  // namespace

@@ -130,8 +130,8 @@ int layout(const std::vector<std::string>& args) {
 
   std::map<std::string, std::string> taken;  // server path -> argument that claimed it
   for (Package& pkg : packages) {
-    if (!utils::isPlainName(pkg.name)) {
-      return refuse("file name '" + pkg.name + "' holds blanks or shell characters; clients refuse it");
+    if (const std::string problem = utils::fileNameProblem(pkg.name); !problem.empty()) {
+      return refuse("file name '" + utils::logText(pkg.name) + "' is refused by clients: " + problem);
     }
     pkg.distrib = utils::stringToAgentDistrib(pkg.name);
     if (pkg.distrib == utils::None) return refuse("unknown package kind: " + pkg.name);

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <locale>
 #include <memory>
@@ -27,7 +28,9 @@ namespace {
 // through (osal_openOwned). Unbuffered: DownloadTarget gathers the bytes.
 FILE* openForDownload(const std::string& path) {
   int fd = -1;
-  if (osal_openOwned(path.c_str(), O_TRUNC, &fd) != 0) return nullptr;
+  const char* replaced = nullptr;
+  if (osal_openOwned(path.c_str(), O_TRUNC, &fd, &replaced) != 0) return nullptr;
+  if (replaced != nullptr) KXLOG(KXLM_ROOT, KXLL_ERR, "Replaced " << path << ": it was " << replaced);
   FILE* file = fdopen(fd, "wb");
   if (file == nullptr) {
     close(fd);
@@ -167,33 +170,44 @@ std::string trimmed(const std::string& text) {
   return text.substr(begin, end - begin);
 }
 
+// A time from the environment that may only lower its default.
+long lowered(const char* name, long fallback) {
+  const char* text = std::getenv(name);
+  const long value = text != nullptr ? std::strtol(text, nullptr, 10) : 0;
+  return value > 0 && value < fallback ? value : fallback;
+}
+
+}  // namespace
+
+HttpClient::HttpClient() : handle(nullptr), initialised(false) {}
+
 // What every request does once perform has returned. A download's file is
 // closed after a failure has been logged, and before the status is judged,
 // so that the caller finds it complete on disk whatever the outcome.
-int finishRequest(CURL* handle, CURLcode rc, const std::string& url, const char* statusFailure, FILE* file) {
+int HttpClient::finish(int code, const std::string& url, const char* statusFailure, FILE* file) {
+  const auto rc = static_cast<CURLcode>(code);
+  last = Result{-1, std::string()};
   if (rc != CURLE_OK) {
-    KXLOG(
-        KXLM_ROOT, KXLL_ERR,
-        "Request " << utils::logUrl(url) << " failed : [" << static_cast<int>(rc) << "] -> " << curl_easy_strerror(rc));
+    last.error = curl_easy_strerror(rc);
+    KXLOG(KXLM_ROOT, KXLL_ERR,
+          "Request " << utils::logUrl(url) << " failed : [" << static_cast<int>(rc) << "] -> " << last.error);
     if (file != nullptr) std::fclose(file);
     return -1;
   }
   long status = 0;
   const CURLcode info = curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &status);
   if (info != CURLE_OK) {
-    KXLOG(KXLM_ROOT, KXLL_ERR, statusFailure << static_cast<int>(info) << "] -> " << curl_easy_strerror(info));
+    last.error = curl_easy_strerror(info);
+    KXLOG(KXLM_ROOT, KXLL_ERR, statusFailure << static_cast<int>(info) << "] -> " << last.error);
     if (file != nullptr) std::fclose(file);
     return -1;
   }
   if (file != nullptr) std::fclose(file);
+  last.code = status == 200 ? 0 : static_cast<int>(status);
   if (status == 200) return 0;
   KXLOG(KXLM_ROOT, KXLL_ERR, "Request " << utils::logUrl(url) << " failed : [" << status << "]");
   return static_cast<int>(status);
 }
-
-}  // namespace
-
-HttpClient::HttpClient() : handle(nullptr), initialised(false) {}
 
 HttpClient::~HttpClient() {
   if (handle != nullptr) curl_easy_cleanup(handle);
@@ -218,6 +232,12 @@ bool HttpClient::init() {
   curl_easy_setopt(handle, CURLOPT_TCP_NODELAY, 1L);
   curl_easy_setopt(handle, CURLOPT_CONNECTTIMEOUT, 60L);
   curl_easy_setopt(handle, CURLOPT_NOPROGRESS, 1L);
+  // Beyond what the program has always set: a server that drips or stays
+  // silent must not hold the run, and its lock, for ever.
+  lowSpeedSeconds = lowered("KX_HTTP_LOW_SPEED_TIME", kLowSpeedSeconds);
+  textSeconds = lowered("KX_HTTP_TEXT_TIMEOUT", kTextSeconds);
+  curl_easy_setopt(handle, CURLOPT_LOW_SPEED_LIMIT, kLowSpeedBytes);
+  curl_easy_setopt(handle, CURLOPT_LOW_SPEED_TIME, lowSpeedSeconds);
   initialised = true;
   return true;
 }
@@ -233,7 +253,10 @@ void HttpClient::cleanup() {
 void HttpClient::setConfig(const std::string& prefix) { config = prefix; }
 
 int HttpClient::get(const std::string& url, std::string& body, std::map<std::string, std::string>& headers) {
-  if (!init()) return -1;
+  if (!init()) {
+    last = Result{-1, "no connection could be made"};
+    return -1;
+  }
   body.clear();
   headers.clear();
   curl_easy_setopt(handle, CURLOPT_URL, (config + url).c_str());
@@ -242,11 +265,15 @@ int HttpClient::get(const std::string& url, std::string& body, std::map<std::str
   curl_easy_setopt(handle, CURLOPT_WRITEDATA, &body);
   curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, &HttpClient::readHeadersCb);
   curl_easy_setopt(handle, CURLOPT_HEADERDATA, &headers);
-  return finishRequest(handle, curl_easy_perform(handle), url, kGetStatusFailure, nullptr);
+  curl_easy_setopt(handle, CURLOPT_TIMEOUT, textSeconds);
+  return finish(curl_easy_perform(handle), url, kGetStatusFailure, nullptr);
 }
 
 int HttpClient::head(const std::string& url, std::map<std::string, std::string>& headers) {
-  if (!init()) return -1;
+  if (!init()) {
+    last = Result{-1, "no connection could be made"};
+    return -1;
+  }
   headers.clear();
   curl_easy_setopt(handle, CURLOPT_URL, (config + url).c_str());
   // The write function stays whatever the previous request set: without a
@@ -254,19 +281,26 @@ int HttpClient::head(const std::string& url, std::map<std::string, std::string>&
   curl_easy_setopt(handle, CURLOPT_NOBODY, 1L);
   curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, &HttpClient::readHeadersCb);
   curl_easy_setopt(handle, CURLOPT_HEADERDATA, &headers);
-  return finishRequest(handle, curl_easy_perform(handle), url, kHeadStatusFailure, nullptr);
+  curl_easy_setopt(handle, CURLOPT_TIMEOUT, textSeconds);
+  return finish(curl_easy_perform(handle), url, kHeadStatusFailure, nullptr);
 }
 
 int HttpClient::download(const std::string& url, const std::string& path, std::map<std::string, std::string>& headers,
-                         uint64_t limit, std::string* md5) {
-  if (!init()) return -1;
+                         uint64_t limit, Landed* landed, bool hashMd5) {
+  if (!init()) {
+    last = Result{-1, "no connection could be made"};
+    return -1;
+  }
   headers.clear();
   curl_easy_setopt(handle, CURLOPT_URL, (config + url).c_str());
   // One byte past the limit is kept, so that the file is of the wrong size
   // rather than a plausible prefix of something longer.
-  DownloadTarget target(limit == kNoLimit ? kNoLimit : limit + 1, md5 != nullptr);
+  DownloadTarget target(limit == kNoLimit ? kNoLimit : limit + 1, hashMd5);
   FILE* file = openForDownload(path);
-  if (file == nullptr) return -1;
+  if (file == nullptr) {
+    last = Result{-1, "cannot open " + path};
+    return -1;
+  }
   target.writeTo(file);
   int lastPercent = 0;
   curl_easy_setopt(handle, CURLOPT_NOBODY, 0L);
@@ -277,6 +311,8 @@ int HttpClient::download(const std::string& url, const std::string& path, std::m
   curl_easy_setopt(handle, CURLOPT_NOPROGRESS, 0L);
   curl_easy_setopt(handle, CURLOPT_XFERINFOFUNCTION, &xferInfoAdapter);
   curl_easy_setopt(handle, CURLOPT_XFERINFODATA, &lastPercent);
+  // A package may take long on a slow link: only the low-speed limit applies.
+  curl_easy_setopt(handle, CURLOPT_TIMEOUT, 0L);
   // Packages run to hundreds of megabytes. libcurl's 16 KiB default costs a
   // poll, a recv, a progress call and a file write per 16 KiB, which on a
   // fast link makes the client rather than the network the limit. The buffer
@@ -294,8 +330,17 @@ int HttpClient::download(const std::string& url, const std::string& path, std::m
   // download for the caller's size check.
   if (rc == CURLE_WRITE_ERROR && target.overflowed()) rc = CURLE_OK;
   if (!target.flush() && rc == CURLE_OK) rc = CURLE_WRITE_ERROR;
-  if (md5 != nullptr) *md5 = target.md5();
-  return finishRequest(handle, rc, url, kGetStatusFailure, file);
+  if (landed != nullptr) {
+    *landed = Landed{};
+    struct stat st {};
+    if (fstat(fileno(file), &st) == 0) {
+      landed->size = static_cast<uint64_t>(st.st_size);
+      landed->device = static_cast<uint64_t>(st.st_dev);
+      landed->inode = static_cast<uint64_t>(st.st_ino);
+    }
+    if (hashMd5) landed->md5 = target.md5();
+  }
+  return finish(rc, url, kGetStatusFailure, file);
 }
 
 size_t HttpClient::readResponsCb(void* data, size_t size, size_t nmemb, void* userp) {

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <map>
 #include <string>
 
@@ -38,19 +39,48 @@ class HttpClient {
   int get(const std::string& url, std::string& body, std::map<std::string, std::string>& headers);
   // Headers only; no body is transferred.
   int head(const std::string& url, std::map<std::string, std::string>& headers);
+  // What a download left at its path, read from the descriptor it wrote
+  // rather than from the path, which by then could name another file.
+  struct Landed {
+    uint64_t size = 0;
+    uint64_t device = 0;
+    uint64_t inode = 0;
+    // Lower-case sums of what the file holds, when asked for; "" when they
+    // could not be established.
+    std::string md5;
+  };
+
   // Body into the file at `path` (created or truncated), logging progress in
   // steps of ten percent. The file is never removed, even after a failure.
   // A link or hard link at `path`, or a file of another user, is replaced,
   // never written through. With a limit, writing stops one byte past it and
   // the transfer ends there as if complete, so that an endless body cannot
   // fill the disk and the caller's size check sees the difference.
-  // With md5, the file is hashed while it is written (by a second thread,
-  // joined before the call returns, from each step that reached the file)
-  // and *md5 receives the lower-case MD5 of what the file holds, or "" when
-  // that could not be established.
+  // With landed, it receives what the file holds once the file was opened;
+  // with hashMd5 also its MD5, computed while it is written (by a second
+  // thread, joined before the call returns, from each step that reached the
+  // file).
   static constexpr uint64_t kNoLimit = ~uint64_t{0};
   int download(const std::string& url, const std::string& path, std::map<std::string, std::string>& headers,
-               uint64_t limit = kNoLimit, std::string* md5 = nullptr);
+               uint64_t limit = kNoLimit, Landed* landed = nullptr, bool hashMd5 = false);
+
+  // The latest request's result and, when its transfer failed, libcurl's
+  // reason; for a caller that explains a failure beyond its number.
+  struct Result {
+    int code = 0;
+    std::string error;
+  };
+  const Result& lastResult() const { return last; }
+
+  // Bounds that keep a slow or silent server from holding a run for ever:
+  // every request is abandoned when fewer than kLowSpeedBytes a second
+  // arrive for kLowSpeedSeconds, and a text request (get, head) after
+  // kTextSeconds in all. The environment may lower the times
+  // (KX_HTTP_LOW_SPEED_TIME, KX_HTTP_TEXT_TIMEOUT, in seconds), never raise
+  // them.
+  static constexpr long kLowSpeedBytes = 1024;
+  static constexpr long kLowSpeedSeconds = 60;
+  static constexpr long kTextSeconds = 300;
 
   // Largest body get() keeps; a longer one fails the request (-1).
   static constexpr size_t kMaxTextBody = size_t{4} * 1024 * 1024;
@@ -68,7 +98,12 @@ class HttpClient {
   static int progressCb(void* clientp, long dltotal, long dlnow, long ultotal, long ulnow);
 
  private:
+  int finish(int rc, const std::string& url, const char* statusFailure, FILE* file);
+
   CURL* handle;
   std::string config;
   bool initialised;
+  Result last;
+  long lowSpeedSeconds = kLowSpeedSeconds;
+  long textSeconds = kTextSeconds;
 };

@@ -1,6 +1,7 @@
 // The update run: lock, version check, verified download, installation.
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -18,6 +19,7 @@
 
 #include "KXLog.h"
 #include "KXSys.h"
+#include "ShellCommand.h"
 #include "Updater.h"
 #include "Version.h"
 #include "osal_file.h"
@@ -27,6 +29,9 @@ namespace {
 
 constexpr int kDownloadAttempts = 3;
 constexpr long long kLockLifetimeMs = 3600000;
+// No run of ours writes a time this far ahead; a clock set back by hours
+// stays within it.
+constexpr long long kLockFutureMs = 24 * kLockLifetimeMs;
 // A lock file holds thirteen digits; anything near this long was not written
 // by a run of ours.
 constexpr size_t kLockLineMax = 4096;
@@ -81,19 +86,78 @@ const char* const kDnfXcbLine =
     "\t\t\tlibSM "
     "\t\t\tlibICE";
 
-// Writes the current time; false when the file cannot be opened. A hard
-// link, a link or another user's file in the lock's place is replaced, never
-// written through.
+// The current time as the whole content of fd, from its start.
 bool writeTime(int fd) {
   const std::string text = std::to_string(KXSys::timeMs()) + "\n";
-  const bool written = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-  close(fd);
-  return written;
+  return ftruncate(fd, 0) == 0 && pwrite(fd, text.data(), text.size(), 0) == static_cast<ssize_t>(text.size());
 }
 
-bool writeLockFile(const std::string& path) {
-  int fd = -1;
-  return osal_openOwned(path.c_str(), O_TRUNC, &fd) == 0 && writeTime(fd);
+// A descriptor closed with its scope unless it is let go.
+class Descriptor {
+ public:
+  explicit Descriptor(int fd = -1) : _fd(fd) {}
+  ~Descriptor() {
+    if (_fd >= 0) close(_fd);
+  }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  int get() const { return _fd; }
+  int release() {
+    const int fd = _fd;
+    _fd = -1;
+    return fd;
+  }
+
+ private:
+  int _fd;
+};
+
+// A lock file of our own, made whole under a name of its own and then put in
+// place only if nothing is there yet, so that no run ever reads a lock that
+// another is still writing. Its descriptor, locked, or -1 with errno EEXIST
+// when another lock is in place, or another errno when none can be made.
+int createLock(const std::string& path) {
+  const std::string fresh = path + "." + std::to_string(getpid());
+  unlink(fresh.c_str());  // left by a run of the same number that died
+  Descriptor fd(open(fresh.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+  if (fd.get() < 0) return -1;
+  if (flock(fd.get(), LOCK_EX) != 0 || !writeTime(fd.get())) {
+    const int err = errno;
+    unlink(fresh.c_str());
+    errno = err;
+    return -1;
+  }
+  int placed = osal_renameNoReplace(fresh.c_str(), path.c_str());
+  if (placed != 0 && (errno == EINVAL || errno == ENOSYS)) {
+    // A file system that cannot rename without replacing: a hard link is
+    // just as exclusive, at the price of a moment with two names.
+    placed = link(fresh.c_str(), path.c_str());
+  }
+  const int err = errno;
+  unlink(fresh.c_str());
+  if (placed != 0) {
+    errno = err;
+    return -1;
+  }
+  return fd.release();
+}
+
+// Why a lock file in place is none a run of ours wrote, or "".
+std::string foreignLock(const struct stat& st) {
+  if (st.st_uid != 0 && st.st_uid != geteuid()) return "it belongs to another user";
+  if (st.st_nlink != 1) return "it has other names";
+  return std::string();
+}
+
+// Removes the file at path if it is still the one fd refers to, so that a
+// lock another run has just put there is left alone.
+void removeIfSame(const std::string& path, int fd) {
+  struct stat mine {};
+  struct stat there {};
+  if (fd < 0 || (fstat(fd, &mine) == 0 && lstat(path.c_str(), &there) == 0 && mine.st_dev == there.st_dev &&
+                 mine.st_ino == there.st_ino)) {
+    unlink(path.c_str());
+  }
 }
 
 // Up to kLockLineMax + 1 bytes of the first line: enough to tell a line that
@@ -172,56 +236,66 @@ bool Updater::checkLockFile() {
     KXLOG(KXLM_ROOT, KXLL_NFY, "Lock file is [" << lockFilePath << "]");
     // In a directory where others could swap the file, there is no lock to
     // trust; the run itself stops at the same check.
-    if (!utils::tempDirProblem(dir).empty()) {
+    if (!utils::directoryProblem(dir).empty()) {
       KXLOG(KXLM_ROOT, KXLL_ERR, "Failed to open lock file");
       return true;
     }
     const char* path = lockFilePath.c_str();
-    // Creating it exclusively is the check that no other run holds it.
-    int fd = open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
-    if (fd >= 0) {
-      if (!writeTime(fd)) KXLOG(KXLM_ROOT, KXLL_ERR, "Failed to open lock file");
-      return true;
+    // Twice at most: what is in the way is replaced once.
+    for (int round = 0; round < 2; ++round) {
+      if (const int fd = createLock(lockFilePath); fd >= 0) {
+        lockFd = fd;
+        return true;
+      }
+      if (errno != EEXIST) break;
+      // Never blocks (a FIFO) and never follows a link.
+      int opened = open(path, O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+      if (opened < 0 && errno == EISDIR) opened = open(path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+      Descriptor fd(opened);
+      struct stat st {};
+      if ((fd.get() >= 0 ? fstat(fd.get(), &st) : lstat(path, &st)) != 0) {
+        if (errno == ENOENT) continue;  // removed by the run that held it
+        break;
+      }
+      if (!S_ISREG(st.st_mode) && !S_ISDIR(st.st_mode)) {
+        // A link, FIFO or socket is no lock any run of ours wrote: it would
+        // only switch the one-run-at-a-time guard off. Ours takes its place.
+        KXLOG(KXLM_ROOT, KXLL_ERR, "Lock file is not a regular file - replaced");
+        removeIfSame(lockFilePath, fd.get());
+        continue;
+      }
+      if (const std::string foreign = foreignLock(st); !foreign.empty() && S_ISREG(st.st_mode)) {
+        KXLOG(KXLM_ROOT, KXLL_ERR, "Replaced lock file " << lockFilePath << ": " << foreign);
+        removeIfSame(lockFilePath, fd.get());
+        continue;
+      }
+      // A run that is still going holds the lock, whatever time the file
+      // shows.
+      const bool held = S_ISREG(st.st_mode) && flock(fd.get(), LOCK_EX | LOCK_NB) != 0;
+      const long long stored = lockTime(readFirstLine(fd.get()));
+      // "now - stored > lifetime", turned around: the subtraction overflows
+      // for a stored time far in the past, which is just a stale lock.
+      const long long now = static_cast<long long>(KXSys::timeMs());
+      const bool future = stored > now && stored - now > kLockFutureMs;
+      if (!held && (stored < now - kLockLifetimeMs || future)) {
+        if (future) {
+          KXLOG(KXLM_ROOT, KXLL_ERR,
+                "Replaced lock file " << lockFilePath << ": its time " << localDate(stored)
+                                      << " lies more than a day ahead");
+        }
+        if (!writeTime(fd.get())) KXLOG(KXLM_ROOT, KXLL_ERR, "Failed to open lock file");
+        lockFd = fd.release();
+        return true;
+      }
+      // A time in the future counts as fresh too: refused until an hour
+      // after it.
+      KXLOG(KXLM_ROOT, KXLL_NFY,
+            "Another instance of has been launched less than one hour ago "
+                << localDate(stored) << " : lock file location is " << lockFilePath);
+      return false;
     }
-    if (errno != EEXIST) {
-      KXLOG(KXLM_ROOT, KXLL_ERR, "Failed to open lock file");
-      return true;
-    }
-    // Never blocks (a FIFO) and never follows a link.
-    fd = open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-    struct stat st {};
-    if ((fd >= 0 ? fstat(fd, &st) : lstat(path, &st)) != 0) {
-      if (fd >= 0) close(fd);
-      KXLOG(KXLM_ROOT, KXLL_ERR, "Failed to open lock file");
-      return true;
-    }
-    if (!S_ISREG(st.st_mode) && !S_ISDIR(st.st_mode)) {
-      // A link, FIFO or socket is no lock any run of ours wrote: it would
-      // only switch the one-run-at-a-time guard off. Ours takes its place.
-      if (fd >= 0) close(fd);
-      KXLOG(KXLM_ROOT, KXLL_WRN, "Lock file is not a regular file - replaced");
-      if (!writeLockFile(lockFilePath)) KXLOG(KXLM_ROOT, KXLL_ERR, "Failed to open lock file");
-      return true;
-    }
-    if (fd < 0) {
-      KXLOG(KXLM_ROOT, KXLL_ERR, "Failed to open lock file");
-      return true;
-    }
-    const std::string content = readFirstLine(fd);
-    close(fd);
-    const long long stored = lockTime(content);
-    // "now - stored > lifetime", turned around: the subtraction overflows for
-    // a stored time far in the past, which is just a stale lock.
-    const long long now = static_cast<long long>(KXSys::timeMs());
-    if (stored < now - kLockLifetimeMs) {
-      if (!writeLockFile(lockFilePath)) KXLOG(KXLM_ROOT, KXLL_ERR, "Failed to open lock file");
-      return true;
-    }
-    // A time in the future counts as fresh too: refused until an hour after it.
-    KXLOG(KXLM_ROOT, KXLL_NFY,
-          "Another instance of has been launched less than one hour ago "
-              << localDate(stored) << " : lock file location is " << lockFilePath);
-    return false;
+    KXLOG(KXLM_ROOT, KXLL_ERR, "Failed to open lock file");
+    return true;
   } catch (const std::exception& e) {
     KXLOG(KXLM_ROOT, KXLL_ERR, "checkLockFile error : " << e.what());
     return false;
@@ -231,23 +305,58 @@ bool Updater::checkLockFile() {
 void Updater::removeLockFile() {
   KXLOG(KXLM_ROOT, KXLL_NFY, "Remove lock file");
   std::remove(lockFilePath.c_str());
+  releaseLock();
+}
+
+void Updater::releaseLock() {
+  if (lockFd >= 0) close(lockFd);
+  lockFd = -1;
 }
 
 // ---- the run --------------------------------------------------------------------
 
-int Updater::checkAndUpdate(const std::string& url, const std::string& version) {
+const char* resultMeaning(int code) {
+  switch (code) {
+    case 0:
+      return "nothing to do, update done, or another instance holds the lock";
+    case 1:
+      return "not running as root";
+    case 2:
+      return "version file, HEAD request or setup download failed";
+    case 3:
+      return "architecture unknown";
+    case 4:
+      return "current version not parseable";
+    case 5:
+      return "published version not parseable";
+    case 6:
+      return "wrong size after the last attempt";
+    case 7:
+      return "size not determinable, or wrong MD5 after the last attempt";
+    case 9:
+      return "disk image could not be attached";
+    case 11:
+      return "no temporary directory, no verified file, or an exception in the run";
+    default:
+      return "unknown result";
+  }
+}
+
+Outcome Updater::update(const std::string& url, const std::string& version) {
   KXLOG(KXLM_ROOT, KXLL_NFY, "Check Update");
   KXLOG(KXLM_ROOT, KXLL_NFY, "Current version : " << version);
   KXLOG(KXLM_ROOT, KXLL_NFY, "Udpate server : " << utils::logUrl(url));
-  if (!checkLockFile()) return 0;
-  const int result = doCheckAndUpdate(url, version);
+  if (!checkLockFile()) return Outcome::failed(0, "another instance holds the lock");
+  Outcome outcome = runSteps(url, version);
   // Only a failure that a retry may cure (no root, server unreachable)
   // frees the lock at once; anything else waits out the hour.
-  if (result == 1 || result == 2 || restartOnly) removeLockFile();
-  return result;
+  if (outcome.code == 1 || outcome.code == 2 || restartOnly) removeLockFile();
+  return outcome;
 }
 
-int Updater::doCheckAndUpdate(const std::string& url, const std::string& version) {
+Outcome Updater::runSteps(const std::string& url, const std::string& version) {
+  // Each failure is logged at ERR by the step that meets it; the outcome
+  // carries the same fact up as a value.
   try {
     serverUrl = url;
     os = utils::getOS();
@@ -262,26 +371,26 @@ int Updater::doCheckAndUpdate(const std::string& url, const std::string& version
 
     if (!utils::checkAdmin()) {
       KXLOG(KXLM_ROOT, KXLL_ERR, "Need priveledged user or root user");
-      return 1;
+      return Outcome::failed(1, "not running as root");
     }
 
     const Version current = Version::parse(version);
     if (current.isInvalid()) {
       KXLOG(KXLM_ROOT, KXLL_ERR, "Invalid current version " << version);
-      return 4;
+      return Outcome::failed(4, "invalid current version " + utils::logText(version));
     }
 
     tempDir = utils::getTempDir();
     if (tempDir.empty()) {
       KXLOG(KXLM_ROOT, KXLL_ERR, "Cannot get temp directory location");
-      return 11;
+      return Outcome::failed(11, "no usable temporary directory");
     }
     KXLOG(KXLM_ROOT, KXLL_NFY, "tempdir is [" << tempDir << "]");
 
     std::string archText = utils::getArch();
     if (archText.empty()) {
       KXLOG(KXLM_ROOT, KXLL_ERR, "Cannot get architecture");
-      return 3;
+      return Outcome::failed(3, "architecture unknown");
     }
     arch = utils::stringToAgentArch(archText);
     bool emulated = false;
@@ -293,7 +402,7 @@ int Updater::doCheckAndUpdate(const std::string& url, const std::string& version
     }
     if (arch == utils::Unknown) {
       KXLOG(KXLM_ROOT, KXLL_ERR, "Invalid architecture");
-      return 3;
+      return Outcome::failed(3, "invalid architecture " + utils::logText(archText));
     }
     KXLOG(KXLM_ROOT, KXLL_NFY, "arch  is [" << archText << "]");
 
@@ -309,37 +418,53 @@ int Updater::doCheckAndUpdate(const std::string& url, const std::string& version
     KXLOG(KXLM_ROOT, KXLL_NFY, "install cmd = " << p.installCmd);
 
     Version available;
-    if (const int r = fetchAvailableVersion(p, available); r != 0) return r;
+    if (Outcome o = fetchAvailableVersion(p, available); !o.ok()) return o;
     if (!(current < available)) {
       KXLOG(KXLM_ROOT, KXLL_NFY, "Current version is up to date. Nothing to do");
-      return 0;
+      return Outcome();
     }
     const std::string expectedMd5 = fetchExpectedMd5(p);
     unsigned long long expectedSize = 0;
-    if (const int r = fetchExpectedSize(p, expectedSize); r != 0) return r;
-    if (const int r = downloadVerified(p, expectedSize, expectedMd5); r != 0) return r;
+    if (Outcome o = fetchExpectedSize(p, expectedSize); !o.ok()) return o;
+    if (Outcome o = downloadVerified(p, expectedSize, expectedMd5); !o.ok()) return o;
 
     if (os == utils::Macosx && distrib == utils::Dmg) {
+      // hdiutil reads the image by its path: it must still be the file that
+      // was verified.
+      if (const std::string problem = landedProblem(p); !problem.empty()) {
+        KXLOG(KXLM_ROOT, KXLL_ERR, "Refused setup file " << p.setupPath << ": " << problem);
+        return Outcome::failed(11, "setup file " + p.setupPath + " " + problem);
+      }
       std::string pkgPath;
       if (utils::mountAndGetPkgPath(p.packageName, p.setupPath, p.mountedDevice, pkgPath) != 0) {
         KXLOG(KXLM_ROOT, KXLL_ERR, "Unable to attach setup");
-        return 9;
+        return Outcome::failed(9, "disk image could not be attached");
       }
-      p.installCmd += "\"" + pkgPath + "\"";
+      p.installCmd += utils::ShellCommand::doubleQuoted(pkgPath);
     }
 
-    installAgent(p, current, available);
+    if (Outcome o = installAgent(p, current, available); !o.ok()) return o;
     KXLOG(KXLM_ROOT, KXLL_NFY, "Agent Update done");
-    return 0;
+    return Outcome();
   } catch (const std::exception& e) {
     KXLOG(KXLM_ROOT, KXLL_ERR, "Exception : " << utils::logText(e.what()));
-    return 11;
+    const auto* setup = dynamic_cast<const SetupError*>(&e);
+    return Outcome::failed(
+        11, utils::logText(e.what()) + (setup != nullptr && !setup->detail.empty() ? ": " + setup->detail : ""));
   }
 }
 
 // ---- the steps from the version file to a verified package ------------------------
 
-int Updater::fetchAvailableVersion(const utils::SetuParameter& p, Version& available) {
+namespace {
+// "404", or libcurl's reason when no answer came.
+std::string answerOf(const HttpClient& client) {
+  const HttpClient::Result& r = client.lastResult();
+  return r.code > 0 ? std::to_string(r.code) : r.error;
+}
+}  // namespace
+
+Outcome Updater::fetchAvailableVersion(const utils::SetuParameter& p, Version& available) {
   std::string versionText;
   if (os == utils::Macosx && !p.versionText.empty()) {
     versionText = p.versionText;
@@ -348,16 +473,16 @@ int Updater::fetchAvailableVersion(const utils::SetuParameter& p, Version& avail
     const int c = httpClient.get(p.versionUrl, versionText, headers);
     if (c != 0) {
       KXLOG(KXLM_ROOT, KXLL_ERR, "Failed to download version:  [" << c << "]");
-      return 2;
+      return Outcome::failed(2, "version file " + utils::logUrl(p.versionUrl) + ": " + answerOf(httpClient));
     }
   }
   available = Version::parse(versionText);
   if (available.isInvalid()) {
     KXLOG(KXLM_ROOT, KXLL_ERR, "Invalid version_long.txt " << utils::logText(versionText));
-    return 5;
+    return Outcome::failed(5, "published version is not four numbers: " + utils::logText(versionText));
   }
   KXLOG(KXLM_ROOT, KXLL_NFY, "Available version is " << available);
-  return 0;
+  return Outcome();
 }
 
 std::string Updater::fetchExpectedMd5(const utils::SetuParameter& p, std::string* file) {
@@ -378,82 +503,116 @@ std::string Updater::fetchExpectedMd5(const utils::SetuParameter& p, std::string
   return sum;
 }
 
-int Updater::fetchExpectedSize(const utils::SetuParameter& p, unsigned long long& size) {
+Outcome Updater::fetchExpectedSize(const utils::SetuParameter& p, unsigned long long& size) {
+  const std::string url = utils::logUrl(p.setupUrl);
   if (os == utils::Macosx && p.setupSize != 0) {
     size = p.setupSize;
-    return 0;
+  } else {
+    std::map<std::string, std::string> headers;
+    const int c = httpClient.head(p.setupUrl, headers);
+    if (c != 0) {
+      KXLOG(KXLM_ROOT, KXLL_ERR, "Fail to get HEAD for " << url << ": [" << c << " ]");
+      return Outcome::failed(2, "package " + url + ": " + answerOf(httpClient));
+    }
+    if (utils::getContentLength(headers, size) != 0) {
+      KXLOG(KXLM_ROOT, KXLL_ERR, "Fail to determine file size");
+      return Outcome::failed(7, "package " + url + " has no size");
+    }
+    KXLOG(KXLM_ROOT, KXLL_NFY, "File size for " << url << " is " << size << " bytes");
   }
-  std::map<std::string, std::string> headers;
-  const int c = httpClient.head(p.setupUrl, headers);
-  if (c != 0) {
-    KXLOG(KXLM_ROOT, KXLL_ERR, "Fail to get HEAD for " << utils::logUrl(p.setupUrl) << ": [" << c << " ]");
-    return 2;
+  // A size the download would then be allowed to fill, refused before a
+  // byte of it is written.
+  std::string problem;
+  const unsigned long long room = utils::freeSpace(tempDir);
+  if (size > kMaxPackageSize) {
+    problem = std::to_string(size) + " bytes is above the ceiling of " + std::to_string(kMaxPackageSize) + " bytes";
+  } else if (room < kFreeSpaceMargin || size > room - kFreeSpaceMargin) {
+    problem = std::to_string(size) + " bytes do not fit in " + tempDir + " (" + std::to_string(room) + " bytes free)";
   }
-  if (utils::getContentLength(headers, size) != 0) {
-    KXLOG(KXLM_ROOT, KXLL_ERR, "Fail to determine file size");
-    return 7;
-  }
-  KXLOG(KXLM_ROOT, KXLL_NFY, "File size for " << utils::logUrl(p.setupUrl) << " is " << size << " bytes");
-  return 0;
+  if (problem.empty()) return Outcome();
+  KXLOG(KXLM_ROOT, KXLL_ERR, "Refused size of " << url << ": " << problem);
+  return Outcome::failed(7, "package " + url + ": " + problem);
 }
 
-int Updater::downloadVerified(const utils::SetuParameter& p, unsigned long long expectedSize,
-                              const std::string& expectedMd5) {
+Outcome Updater::downloadVerified(const utils::SetuParameter& p, unsigned long long expectedSize,
+                                  const std::string& expectedMd5) {
   std::map<std::string, std::string> headers;
-  enum class Outcome { NotTried, WrongSize, WrongHash, Accepted } outcome = Outcome::NotTried;
-  for (int attempt = 0; attempt < kDownloadAttempts && outcome != Outcome::Accepted; ++attempt) {
-    std::string streamed;
-    const int c =
-        httpClient.download(p.setupUrl, p.setupPath, headers, expectedSize, expectedMd5.empty() ? nullptr : &streamed);
+  enum class Verdict { NotTried, WrongSize, WrongHash, Accepted } verdict = Verdict::NotTried;
+  for (int attempt = 0; attempt < kDownloadAttempts && verdict != Verdict::Accepted; ++attempt) {
+    const int c = httpClient.download(p.setupUrl, p.setupPath, headers, expectedSize, &landed, !expectedMd5.empty());
     if (c != 0) {
       KXLOG(KXLM_ROOT, KXLL_ERR, "'Fail to download setup file: [" << c << "]");
-      return 2;
+      removeDownload(p);
+      return Outcome::failed(2, "download of " + utils::logUrl(p.setupUrl) + ": " + answerOf(httpClient));
     }
-    const unsigned long long n = boost::filesystem::file_size(p.setupPath);
+    // The size of what was written, from the descriptor that wrote it.
+    const unsigned long long n = landed.size;
     KXLOG(KXLM_ROOT, KXLL_NFY, "Setup downloaded [" << n << " bytes]");
     if (n != expectedSize) {
       // Not deleted: the next download overwrites it.
       KXLOG(KXLM_ROOT, KXLL_WRN,
             "Downloaded size is " << n << " bytes. Expected size is " << expectedSize << " bytes - try again");
-      outcome = Outcome::WrongSize;
+      verdict = Verdict::WrongSize;
       continue;
     }
     if (expectedMd5.empty()) {
-      outcome = Outcome::Accepted;
+      verdict = Verdict::Accepted;
       continue;
     }
-    // Hashed as it was written; read again only if that fell short.
-    const std::string computed = streamed.empty() ? utils::computeMD5(p.setupPath) : streamed;
-    if (computed == expectedMd5) {
-      KXLOG(KXLM_ROOT, KXLL_NFY, "Computed md5 is " << computed);
-      outcome = Outcome::Accepted;
+    // Hashed as it was written, from the same descriptor.
+    if (landed.md5 == expectedMd5) {
+      KXLOG(KXLM_ROOT, KXLL_NFY, "Computed md5 is " << landed.md5);
+      verdict = Verdict::Accepted;
     } else {
       KXLOG(KXLM_ROOT, KXLL_WRN,
-            "Re-download setup file because current one has a wrong hash: " << computed << " vs "
+            "Re-download setup file because current one has a wrong hash: " << landed.md5 << " vs "
                                                                             << utils::logText(expectedMd5));
-      std::remove(p.setupPath.c_str());
-      outcome = Outcome::WrongHash;
+      removeDownload(p);
+      verdict = Verdict::WrongHash;
     }
   }
-  switch (outcome) {
-    case Outcome::Accepted:
-      return 0;
-    case Outcome::WrongHash:
+  if (verdict == Verdict::Accepted) return Outcome();
+  removeDownload(p);
+  switch (verdict) {
+    case Verdict::WrongHash:
       KXLOG(KXLM_ROOT, KXLL_ERR, "Invalid setup md5");
-      return 7;
-    case Outcome::WrongSize:
+      return Outcome::failed(7, "MD5 of the download differs from the published sum");
+    case Verdict::WrongSize:
       KXLOG(KXLM_ROOT, KXLL_ERR, "Invalid setup size");
-      return 6;
+      return Outcome::failed(
+          6, "the download has another size than the " + std::to_string(expectedSize) + " bytes announced");
     default:
       KXLOG(KXLM_ROOT, KXLL_ERR, "Fail to download setup");
-      return 11;
+      return Outcome::failed(11, "no verified download");
+  }
+}
+
+std::string Updater::landedProblem(const utils::SetuParameter& p) const {
+  struct stat st {};
+  if (lstat(p.setupPath.c_str(), &st) != 0) return "is gone";
+  if (static_cast<uint64_t>(st.st_dev) != landed.device || static_cast<uint64_t>(st.st_ino) != landed.inode) {
+    return "is another file than the one verified";
+  }
+  if (!S_ISREG(st.st_mode) || st.st_nlink != 1) return "has other names";
+  if (st.st_uid != geteuid()) return "belongs to another user";
+  if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0) return "is writable by others";
+  if (static_cast<uint64_t>(st.st_size) != landed.size) return "has changed its size";
+  return std::string();
+}
+
+void Updater::removeDownload(const utils::SetuParameter& p) const {
+  struct stat st {};
+  if (landed.inode != 0 && lstat(p.setupPath.c_str(), &st) == 0 && static_cast<uint64_t>(st.st_dev) == landed.device &&
+      static_cast<uint64_t>(st.st_ino) == landed.inode) {
+    std::remove(p.setupPath.c_str());
   }
 }
 
 // ---- service control ------------------------------------------------------------
 
-void Updater::installAgent(const utils::SetuParameter& p, const Version& current, const Version& available) {
+Outcome Updater::installAgent(const utils::SetuParameter& p, const Version& current, const Version& available) {
   const TerminationHeldBack held;
+  Outcome outcome;
   KXLOG(KXLM_ROOT, KXLL_NFY, "Agent Stopping ....");
   const int stopped = utils::runShell(p.stopCmd);
   if (stopped == 0) {
@@ -465,8 +624,14 @@ void Updater::installAgent(const utils::SetuParameter& p, const Version& current
   if (!restartOnly) {
     KXLOG(KXLM_ROOT, KXLL_NFY, "Upgrading agent ...'");
     if (os == utils::Linux && current <= kXcbVersion && kXcbVersion <= available) installXCBDeps();
-    const int installed = utils::runShell(p.installCmd);
-    if (installed == 0) {
+    // The installer reads the package by its path: the last moment to see
+    // that the path still names the file that was verified. A disk image
+    // was checked before it was attached.
+    const std::string problem = distrib == utils::Dmg ? std::string() : landedProblem(p);
+    if (!problem.empty()) {
+      KXLOG(KXLM_ROOT, KXLL_ERR, "Refused setup file " << p.setupPath << ": " << problem);
+      outcome = Outcome::failed(11, "setup file " + p.setupPath + " " + problem);
+    } else if (const int installed = utils::runShell(p.installCmd); installed == 0) {
       KXLOG(KXLM_ROOT, KXLL_NFY, "Agent Installed");
     } else {
       KXLOG(KXLM_ROOT, KXLL_ERR, "Fail to install agent : [" << installed << "]");
@@ -482,6 +647,7 @@ void Updater::installAgent(const utils::SetuParameter& p, const Version& current
   } else {
     KXLOG(KXLM_ROOT, KXLL_ERR, "Fail to re-start agent : [" << started << "]");
   }
+  return outcome;
 }
 
 const char* Updater::aptXcbLine() { return kAptXcbLine; }

@@ -6,6 +6,7 @@
 #include <stdexcept>
 
 #include "KXLog.h"
+#include "ShellCommand.h"
 #include "Updater.h"
 
 namespace {
@@ -69,7 +70,7 @@ utils::SetuParameter Updater::getAgentSetup() {
       case utils::Windows:
         return windows;
       default:
-        throw std::runtime_error("Unknow OS");
+        throw SetupError(SetupError::NotOffered, "Unknow OS");
     }
   };
 
@@ -78,23 +79,27 @@ utils::SetuParameter Updater::getAgentSetup() {
   std::map<std::string, std::string> headers;
   const int r = httpClient.get(url, body, headers);
   utils::SetuParameter p;
+  definitionUsed = r == 0;
   if (r == 0) {
     const utils::AgentSetupDef def = parseAgentSetupCfg(body);
     // Once the server publishes a definition file it is authoritative: no
-    // silent fall back to guessed layouts.
-    // The name the server gives is joined to the temporary directory and put
-    // into the install command line: a path ("../x") would land elsewhere, a
-    // blank or a shell character would run as root.
-    if (!utils::isPlainName(def.setup)) {
-      if (!def.setup.empty()) KXLOG(KXLM_ROOT, KXLL_ERR, "Refused setup name " << utils::logText(def.setup));
-      throw std::runtime_error("Fail to parse agent_setup_def file");
+    // silent fall back to guessed layouts. The setup name becomes a file of
+    // ours in the temporary directory: a path ("../x") would land elsewhere.
+    // How it reaches a command line is ShellCommand's concern.
+    const char* const unusable = "Fail to parse agent_setup_def file";
+    if (def.setup.empty()) {
+      throw SetupError(parseError.empty() ? SetupError::NotOffered : SetupError::Unreadable, unusable, parseError);
+    }
+    if (const std::string problem = utils::fileNameProblem(def.setup); !problem.empty()) {
+      KXLOG(KXLM_ROOT, KXLL_ERR, "Refused setup name " << utils::logText(def.setup) << ": " << problem);
+      throw SetupError(SetupError::Refused, unusable, "setup name " + utils::logText(def.setup) + ": " + problem);
     }
     KXLOG(KXLM_ROOT, KXLL_DBG, "Use agent setup definition file");
     const std::string base = serverUrl + def.path + "/";
     p.setupName = def.setup;
-    p.setupUrl = base + def.setup;
-    p.hashUrl = base + def.hash;
-    p.versionUrl = base + def.version;
+    p.setupUrl = base + utils::urlSegment(def.setup);
+    p.hashUrl = base + utils::urlSegment(def.hash);
+    p.versionUrl = base + utils::urlSegment(def.version);
     p.setupPath = joinPath(tempDir, def.setup);
     distrib = utils::stringToAgentDistrib(def.setup);
     (this->*fillFor(&Updater::fillInstallSetupParamForLinux, &Updater::fillInstallSetupParamForMacOSX,
@@ -108,6 +113,7 @@ utils::SetuParameter Updater::getAgentSetup() {
 }
 
 utils::AgentSetupDef Updater::parseAgentSetupCfg(const std::string& body) {
+  parseError.clear();
   try {
     const nlohmann::json root = nlohmann::json::parse(body, nullptr, true, false);
     // The matching rules differ per platform on purpose: ".exe" anywhere on
@@ -135,7 +141,8 @@ utils::AgentSetupDef Updater::parseAgentSetupCfg(const std::string& body) {
       if (fits) return def;
     }
   } catch (const std::exception& e) {
-    KXLOG(KXLM_ROOT, KXLL_ERR, "Parsing error : " << utils::logText(e.what()));
+    parseError = utils::logText(e.what());
+    KXLOG(KXLM_ROOT, KXLL_ERR, "Parsing error : " << parseError);
   }
   return emptySetupCfg();
 }
@@ -157,7 +164,7 @@ void Updater::fillDefaultSetupParamForLinux(utils::SetuParameter& p) {
   } else if (distrib == utils::Deb) {
     name = "setup.deb";
   } else {
-    throw std::runtime_error("Unsupported distribution");
+    throw SetupError(SetupError::NotOffered, "Unsupported distribution");
   }
   p.setupName = name;
   p.setupPath = joinPath(tempDir, p.setupName);
@@ -181,9 +188,10 @@ void Updater::fillDefaultSetupParamForLinux(utils::SetuParameter& p) {
 void Updater::fillDefaultSetupParamForMacOSX(utils::SetuParameter& p) {
   const std::string archText = utils::agentArchToString(arch);
   SetupInfo info;
-  if (getSetupRootPath(serverUrl, archText, info) != 0) {
+  if (const int r = getSetupRootPath(serverUrl, archText, info); r != 0) {
     KXLOG(KXLM_ROOT, KXLL_ERR, "Failed to get any correct setup paths");
-    throw std::runtime_error("Failed to get any correct setup paths");
+    throw SetupError(r == 7 ? SetupError::NoSize : SetupError::NotOffered, "Failed to get any correct setup paths",
+                     r == 7 ? "package " + utils::logUrl(info.setupUrl) + " has no size" : std::string());
   }
   const std::string base = info.rootPath + "/";
   p.setupName = info.fileName;
@@ -199,7 +207,7 @@ void Updater::fillDefaultSetupParamForMacOSX(utils::SetuParameter& p) {
 }
 
 void Updater::fillInstallSetupParamForWindows(utils::SetuParameter& p) {
-  p.installCmd = p.setupPath + " /q";
+  p.installCmd = utils::ShellCommand().arg(p.setupPath).word("/q").text();
   p.stopCmd = "net stop kxagent";
   p.startCmd = "net start kxagent";
 }
@@ -207,31 +215,32 @@ void Updater::fillInstallSetupParamForWindows(utils::SetuParameter& p) {
 void Updater::fillInstallSetupParamForLinux(utils::SetuParameter& p) {
   switch (distrib) {
     case utils::Spk:
-      p.installCmd = "synopkg install " + p.setupPath;
+      p.installCmd = utils::ShellCommand("synopkg").word("install").arg(p.setupPath).text();
       p.stopCmd = "synopkg stop tova";
       p.startCmd = "synopkg start tova";
       p.postInstallCmd = "/bin/sed -i 's/package/root/g' /var/packages/tova/conf/privilege";
       break;
     case utils::Rpm:
-      p.installCmd = "rpm -U " + p.setupPath;
+      p.installCmd = utils::ShellCommand("rpm").word("-U").arg(p.setupPath).text();
       p.stopCmd = kServiceStop;
       p.startCmd = kServiceStart;
       break;
     case utils::Deb:
-      p.installCmd = "dpkg -i " + p.setupPath;
+      p.installCmd = utils::ShellCommand("dpkg").word("-i").arg(p.setupPath).text();
       p.stopCmd = kServiceStop;
       p.startCmd = kServiceStart;
       break;
     default:
-      throw std::runtime_error("Unsupported distribution");
+      throw SetupError(SetupError::NotOffered, "Unsupported distribution");
   }
 }
 
 void Updater::fillInstallSetupParamForMacOSX(utils::SetuParameter& p) {
   // Only a flat package is named here; a disk image's package path is
   // appended, quoted, once the image is attached.
-  p.installCmd =
-      distrib == utils::Pkg ? "installer -target / -pkg \"" + p.setupPath + "\"" : "installer -target / -pkg ";
+  utils::ShellCommand installer("installer");
+  installer.word("-target").word("/").word("-pkg");
+  p.installCmd = distrib == utils::Pkg ? installer.quoted(p.setupPath).text() : installer.text() + " ";
   p.stopCmd = std::string("launchctl unload ") + kMacLaunchDaemon;
   p.startCmd = std::string("launchctl load ") + kMacLaunchDaemon;
 }

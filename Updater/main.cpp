@@ -5,12 +5,12 @@
 
 #include <boost/filesystem/operations.hpp>
 #include <boost/filesystem/path.hpp>
-#include <cctype>
 #include <cstdio>
 #include <cstring>
 #include <exception>
 #include <iostream>
 #include <string>
+#include <vector>
 
 #include "FileKXLogCb.h"
 #include "KXException.h"
@@ -29,20 +29,24 @@ namespace {
 
 const char* const kLogFileName = "agent_upd.log";
 
-// The instance name becomes part of a directory path read as root: only a
-// plain name, never one that climbs out of the configuration root.
-bool isInstanceName(const char* name) {
-  for (const char* c = name; *c != '\0'; ++c) {
-    if (std::isalnum(static_cast<unsigned char>(*c)) == 0 && std::strchr("-_.", *c) == nullptr) return false;
+// The instance name becomes the suffix of a directory read as root: it must
+// not reach another directory. Anything else a name may hold is fine.
+std::string instanceProblem(const std::string& name) {
+  if (name == "." || name == "..") return "it is no directory name";
+  for (const char c : name) {
+    if (c == '/') return "it holds a /";
+    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) return "it holds a control character";
   }
-  return std::strstr(name, "..") == nullptr;
+  return std::string();
 }
 
-std::string logDirectory(std::string& ignoredInstance) {
+// The log directory, or "" for no file log. What was refused on the way is
+// added to refusals, to be reported once the log is there.
+std::string logDirectory(std::vector<std::string>& refusals) {
   char instance[1024] = {};
   if (osal_getEnv("KX_AGENT_INSTANCE", instance, sizeof instance) != 0) instance[0] = '\0';
-  if (!isInstanceName(instance)) {
-    ignoredInstance = instance;
+  if (const std::string problem = instanceProblem(instance); !problem.empty()) {
+    refusals.push_back("Refused KX_AGENT_INSTANCE " + utils::logText(instance) + ": " + problem);
     instance[0] = '\0';
   }
   char confDir[1056] = {};
@@ -52,35 +56,38 @@ std::string logDirectory(std::string& ignoredInstance) {
   char dbDir[1024] = {};
   if (osal_getconfstr(confFile, dbDir, sizeof dbDir) != 0) dbDir[0] = '\0';
   if (dbDir[0] != '\0') {
+    // Root creates the log there and rolls it: a directory on the way that
+    // someone else can change could point it anywhere.
     std::string dir = (boost::filesystem::path(dbDir) / "UpdLogs").string();
-    osal_mkdir(dir.c_str(), nullptr, false);
-    return dir;
+    std::string problem = utils::directoryProblem(dbDir);
+    if (problem.empty()) {
+      osal_mkdir(dir.c_str(), nullptr, false);
+      problem = utils::directoryProblem(dir);
+    }
+    if (problem.empty()) return dir;
+    refusals.push_back("Refused log directory " + utils::logText(dir) + ": " + utils::logText(problem));
+    return std::string();
   }
+  // A temporary directory that is refused is reported by the run, which
+  // needs it too.
   boost::system::error_code ec;
   std::string dir = boost::filesystem::temp_directory_path(ec).string();
-  // No log file rather than one that another user could swap.
-  return utils::tempDirProblem(dir).empty() ? dir : std::string();
+  return !ec && utils::directoryProblem(dir).empty() ? dir : std::string();
 }
 
 // An empty directory (no usable temporary directory) leaves the sink without
 // a file rather than writing into whatever the working directory is; the
 // echo still works.
-std::string logFilePath(std::string& ignoredInstance) {
-  const std::string dir = logDirectory(ignoredInstance);
-  return dir.empty() ? std::string() : (boost::filesystem::path(dir) / kLogFileName).string();
-}
-
 void init_logging(bool echo) {
   KXLog* log = KXLog::getLogger();
   if (log == nullptr) return;
   log->setLevels("ROOT:5;");
-  std::string ignoredInstance;
-  g_KXLogCb = new FileKXLogCb(logFilePath(ignoredInstance), echo);
+  std::vector<std::string> refusals;
+  const std::string dir = logDirectory(refusals);
+  g_KXLogCb =
+      new FileKXLogCb(dir.empty() ? std::string() : (boost::filesystem::path(dir) / kLogFileName).string(), echo);
   log->setLogCb(g_KXLogCb);
-  if (!ignoredInstance.empty()) {
-    KXLOG(KXLM_ROOT, KXLL_WRN,
-          "Ignored KX_AGENT_INSTANCE that is not a plain name: " << utils::logText(ignoredInstance));
-  }
+  for (const std::string& refusal : refusals) utils::reportRefusal(refusal);
 }
 
 // Nothing may log into the sink once it is gone.

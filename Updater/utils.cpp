@@ -1,6 +1,7 @@
 #include "utils.h"
 
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -9,15 +10,18 @@
 #include <boost/algorithm/string/trim.hpp>
 #include <boost/filesystem/operations.hpp>
 #include <cctype>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <iostream>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
 #include "KXHash.h"
 #include "KXLog.h"
 #include "KXSys.h"
+#include "ShellCommand.h"
 #include "osal_sysinfo.h"
 
 namespace utils {
@@ -26,11 +30,6 @@ namespace {
 constexpr size_t kMaxUrlHexDigits = 8192;
 constexpr unsigned int kUrlBufferSize = 4096;
 constexpr size_t kSysInfoBufferSize = 1025;
-
-bool isPlainChar(char c) {
-  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-         (c != '\0' && std::strchr("._+-@%,:=", c) != nullptr);
-}
 
 // The JSON library converts a float to int with a plain cast, which is
 // undefined beyond int's range ("os": 1e70 in a served file). Such a value is
@@ -46,17 +45,48 @@ int32_t toInt32(const nlohmann::json& j, const char* key) {
   return v.get<int32_t>();
 }
 
-bool isPlainPath(const std::string& path) {
-  return std::all_of(path.begin(), path.end(), [](char c) { return c == '/' || isPlainChar(c); });
-}
+// Links followed while one path is examined, as the kernel allows.
+constexpr int kMaxLinks = 40;
 
-// Nothing in text changes meaning between double quotes in sh, and no
-// character in it could end the quotes or the line.
-bool isQuotable(const std::string& text) {
-  return std::none_of(text.begin(), text.end(), [](char c) {
-    const unsigned char u = static_cast<unsigned char>(c);
-    return u < 0x20 || u == 0x7f || std::strchr("$`\"\\;&|<>'", c) != nullptr;
-  });
+bool isOursOrRoots(uid_t uid) { return uid == 0 || uid == geteuid(); }
+
+// Walks path from the root one component at a time, following a link only
+// when root or we own it, and leaves in *real the directory reached.
+std::string walkDirectories(const std::string& path, std::string* real, int* links) {
+  std::string at = "/";
+  std::vector<std::string> parts;
+  boost::algorithm::split(parts, path, boost::algorithm::is_any_of("/"));
+  for (size_t i = 0; i <= parts.size(); ++i) {
+    struct stat st {};
+    if (lstat(at.c_str(), &st) != 0) return at + " cannot be examined (" + std::strerror(errno) + ")";
+    if (S_ISLNK(st.st_mode)) {
+      if (!isOursOrRoots(st.st_uid)) return at + " is a link owned by another user";
+      if (++*links > kMaxLinks) return at + " is one link too many";
+      std::string target(4096, '\0');
+      const ssize_t n = readlink(at.c_str(), &target[0], target.size());
+      if (n <= 0 || static_cast<size_t>(n) >= target.size()) return at + " cannot be read as a link";
+      target.resize(static_cast<size_t>(n));
+      if (target[0] != '/') target.insert(0, at, 0, at.rfind('/') + 1);
+      std::string problem = walkDirectories(target, &at, links);
+      if (!problem.empty()) return problem;
+      if (lstat(at.c_str(), &st) != 0) return at + " cannot be examined (" + std::strerror(errno) + ")";
+    }
+    if (!S_ISDIR(st.st_mode)) return at + " is not a directory";
+    if (!isOursOrRoots(st.st_uid)) return at + " is owned by another user";
+    if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0 && (st.st_mode & S_ISVTX) == 0) {
+      return at + " is writable by others without the sticky bit";
+    }
+    if (i == parts.size()) break;
+    const std::string& part = parts[i];
+    if (part.empty() || part == ".") continue;
+    if (part == "..") {
+      at = at.size() > 1 ? at.substr(0, std::max<size_t>(at.rfind('/'), 1)) : at;
+    } else {
+      at += (at.size() > 1 ? "/" : "") + part;
+    }
+  }
+  *real = at;
+  return std::string();
 }
 
 }  // namespace
@@ -160,28 +190,62 @@ bool isSyno() { return false; }
 std::string getTempDir() {
   try {
     std::string dir = boost::filesystem::temp_directory_path().string();
-    const std::string problem = tempDirProblem(dir);
+    const std::string problem = directoryProblem(dir);
     if (problem.empty()) return dir;
-    KXLOG(KXLM_ROOT, KXLL_ERR, "getTempDir Error: " << logText(dir) << ": " << problem);
+    reportRefusal("getTempDir Error: " + logText(dir) + ": " + logText(problem));
   } catch (const std::exception& e) {
     KXLOG(KXLM_ROOT, KXLL_ERR, "getTempDir Error: " << e.what());
   }
   return std::string();
 }
 
-std::string tempDirProblem(const std::string& dir) {
-  struct stat st {};
-  if (stat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) return "not a directory";
-  if (st.st_uid != 0 && st.st_uid != geteuid()) return "owned by another user";
-  if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0 && (st.st_mode & S_ISVTX) == 0) {
-    return "writable by others without the sticky bit";
+std::string directoryProblem(const std::string& dir) {
+  std::string path = dir;
+  if (path.empty() || path[0] != '/') {
+    char cwd[4096] = {};
+    if (getcwd(cwd, sizeof cwd) == nullptr) return "the working directory cannot be examined";
+    path = std::string(cwd) + "/" + path;
   }
-  if (!isPlainPath(dir)) return "not a plain path";
+  std::string real;
+  int links = 0;
+  return walkDirectories(path, &real, &links);
+}
+
+unsigned long long freeSpace(const std::string& dir) {
+  struct statvfs fs {};
+  if (statvfs(dir.c_str(), &fs) != 0) return 0;
+  return static_cast<unsigned long long>(fs.f_bavail) * fs.f_frsize;
+}
+
+void reportRefusal(const std::string& text) {
+  KXLOG(KXLM_ROOT, KXLL_ERR, text);
+  std::cerr << text << std::endl;
+}
+
+std::string fileNameProblem(const std::string& name) {
+  if (name.empty()) return "it is empty";
+  if (name == "." || name == "..") return "it is no file name";
+  for (const char c : name) {
+    if (c == '/') return "it holds a /";
+    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) return "it holds a control character";
+  }
   return std::string();
 }
 
-bool isPlainName(const std::string& name) {
-  return !name.empty() && name != "." && name != ".." && std::all_of(name.begin(), name.end(), isPlainChar);
+std::string urlSegment(const std::string& name) {
+  static const char kHex[] = "0123456789ABCDEF";
+  std::string out;
+  for (const char c : name) {
+    const auto u = static_cast<unsigned char>(c);
+    if ((std::isalnum(u) != 0 && u < 0x80) || (u != 0 && std::strchr("-._~!$&'()*+,;=:@", c) != nullptr)) {
+      out += c;
+    } else {
+      out += '%';
+      out += kHex[u >> 4];
+      out += kHex[u & 0xf];
+    }
+  }
+  return out;
 }
 
 std::string logText(const std::string& text) {
@@ -276,28 +340,40 @@ int parseAttachOutput(const std::vector<std::string>& lines, const std::string& 
 int mountAndGetPkgPath(const std::string& packageName, const std::string& imagePath, std::string& device,
                        std::string& pkgPath) {
   try {
-    std::string cmd = std::string("hdiutil") + " attach " + imagePath + " -nobrowse";
+    std::string cmd = ShellCommand("hdiutil").word("attach").arg(imagePath).word("-nobrowse").text();
     std::vector<std::string> lines;
     const int r = exec(cmd, lines);
     if (r != 0) return r;
     const int found = parseAttachOutput(lines, packageName, device, pkgPath);
     if (found != 0) return found;
-    // The volume's name comes from inside the served image; the device goes
-    // unquoted into the detach line, the package path in double quotes into
-    // the installer line.
-    if (isPlainPath(device) && isQuotable(pkgPath)) return 0;
-    KXLOG(KXLM_ROOT, KXLL_ERR,
-          "mountAndGetPkgPath Error: shell characters in " << logText(device) << " or " << logText(pkgPath));
-    runProgram({"hdiutil", "detach", device});
-    device.clear();
-    pkgPath.clear();
-    return -1;
+    // The device and the volume's name come from inside the served image and
+    // go into the detach and installer lines: see that they can, now, while
+    // the image can still be detached without a shell.
+    try {
+      (void)ShellCommand::bare(device);
+      (void)ShellCommand::doubleQuoted(pkgPath);
+      return 0;
+    } catch (const ShellCommand::Refused& e) {
+      KXLOG(KXLM_ROOT, KXLL_ERR, "mountAndGetPkgPath Error: " << e.what());
+      runProgram({"hdiutil", "detach", device});
+      device.clear();
+      pkgPath.clear();
+      return -1;
+    }
   } catch (const std::exception& e) {
-    KXLOG(KXLM_ROOT, KXLL_ERR, "mountAndGetPkgPath Error: " << e.what());
+    KXLOG(KXLM_ROOT, KXLL_ERR, "mountAndGetPkgPath Error: " << logText(e.what()));
     return -1;
   }
 }
 
-int unmount(const std::string& device) { return runShell("hdiutil detach " + device); }
+int unmount(const std::string& device) {
+  try {
+    return runShell(ShellCommand("hdiutil").word("detach").arg(device).text());
+  } catch (const ShellCommand::Refused&) {
+    // Checked when the image was attached; a device that cannot be written
+    // into the line is detached without a shell.
+    return runProgram({"hdiutil", "detach", device});
+  }
+}
 
 }  // namespace utils

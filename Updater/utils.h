@@ -88,9 +88,9 @@ const char* agentDistribToString(AgentDistrib d);
 const char* agentOSToString(int os);
 bool isDebian();
 bool isSyno();
-// The system temporary directory (honours TMPDIR); empty, after logging
+// The system temporary directory (honours TMPDIR); empty, after reporting
 // "getTempDir Error: " and why, when it cannot be determined or is not safe
-// (tempDirProblem).
+// (directoryProblem).
 std::string getTempDir();
 // Hex text, two digits per byte, to the text it encodes; stops at the first
 // NUL byte. Input beyond 8192 digits is ignored; 4096 decoded bytes or more
@@ -114,17 +114,33 @@ std::string logText(const std::string& text);
 // logText of a URL, with a user name and password in it replaced by "***".
 std::string logUrl(const std::string& url);
 
-// True for a name the shell reads as one plain word with nothing to expand:
-// not empty, only letters, digits and . _ + - @ % , : = (no blank, no
-// separator, no quote). Names from the server must pass before they reach a
-// command line.
-bool isPlainName(const std::string& name);
+// Why a file name from the server cannot be a file of ours in the temporary
+// directory, or "" when it can: empty, "." or "..", a "/" (it would land
+// elsewhere), NUL or a control character. Blanks, tildes and quotes are
+// ordinary: the command lines quote what needs it (ShellCommand).
+std::string fileNameProblem(const std::string& name);
 
-// Why dir is no place for the files of a run as root, or "" when it is fine.
-// Refused: not a directory; owned by a user other than root and us; group- or
-// world-writable without the sticky bit (anyone could swap our files); a
-// path the shell would not read as one plain word.
-std::string tempDirProblem(const std::string& dir);
+// name as one segment of a URL path: every byte but letters, digits and
+// - . _ ~ ! $ & ' ( ) * + , ; = : @ percent-encoded, so that a blank, a "#"
+// or a "%" in a file name reaches the server as part of the name.
+std::string urlSegment(const std::string& name);
+
+// Why dir is no place for the files of a run as root, or "" when it is fine:
+// "<component> is <reason>". Every directory from the root down must be owned
+// by root or us and not writable by others without the sticky bit (anyone
+// who can rename one of them can swap our files), and a link on the way is
+// followed only when root or we own it. The characters of the path are never
+// a reason.
+std::string directoryProblem(const std::string& dir);
+
+// Bytes that a process of ours may still write below dir; 0 when that cannot
+// be told.
+unsigned long long freeSpace(const std::string& dir);
+
+// A refusal of something from outside (a setting, a directory): one ERR line,
+// also written to standard error, where it shows even when there is no log
+// file to read.
+void reportRefusal(const std::string& text);
 
 // Runs cmd through /bin/sh and returns the raw wait status, as system() does,
 // but the command starts clean: /dev/null as standard input (nothing can
@@ -141,9 +157,9 @@ int runProgram(const std::vector<std::string>& args);
 // ("<volume>/<packageName>.pkg") in hdiutil's output. Returns 0, hdiutil's
 // non-zero exit code, or -1 (no device or volume found, or an exception).
 // The image stays attached when -1 follows a successful attach, except when
-// the device or the volume's path holds a character the shell would read
-// (they come from inside the served image and go into command lines): the
-// image is then detached again, without a shell, and -1 returned.
+// the device or the volume's path cannot go into a command line at all (a
+// control character: they come from inside the served image): the image is
+// then detached again, without a shell, and -1 returned.
 int mountAndGetPkgPath(const std::string& packageName, const std::string& imagePath, std::string& device,
                        std::string& pkgPath);
 // The device ("/dev/" field) and package path ("/Volumes/" field) in

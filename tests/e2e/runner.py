@@ -5,7 +5,7 @@ import hashlib, os, platform, random, re, resource, shlex, shutil, signal, socke
 import subprocess, sys, tempfile, threading, time
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 from pathlib import Path
-from urllib.parse import urlsplit
+from urllib.parse import unquote, urlsplit
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 PAGE = b"<html><head><title>Error</title></head>\n<body>Not here</body></html>\n"
@@ -51,6 +51,10 @@ def body_of(text, case):
         return body if unit == b"x" else body[:-1] + b"\n"  # whole lines, none of them a log line
     if text.startswith("@"):
         return Path(text[1:]).read_bytes()
+    if m := re.fullmatch(r"def:([^,]*),([^,]*)", text):  # a definition file whose one entry fits this machine
+        os_code = 2 if case.flow["name"] == "mac" else 3
+        return (f'[{{"name": "n", "path": "{m[1]}", "setup": "{m[2]}", "version": "version_long.txt", "hash": "{m[2]}.md5", '
+                f'"os": {os_code}, "arch": 1, "enable": true}}]').encode()
     return unescape(text[1:]) if text.startswith("=") else {
         "other": lambda: bytes(b ^ 0x5A for b in case.package), "page": lambda: PAGE, "big": lambda: b"7.3.0.0 " * (1 << 20),
         "md5": lambda: f"{hashlib.md5(case.package).hexdigest()}  {case.flow['pkg']}\n".encode()}[text]()
@@ -58,7 +62,7 @@ def body_of(text, case):
 
 class Answer:
     def __init__(self, answer, case):
-        body, *mods = answer.split(",") if not answer.startswith("=") else (answer, )
+        body, *mods = answer.split(",") if not answer.startswith(("=", "def:")) else (answer, )
         body, mods = ("page", [body] + mods) if body.startswith("redirect=") else (body, mods)
         self.status, body = (int(body), "page") if re.fullmatch(r"\d{3}", body) else (200, body)
         self.body, self.location, self.fault = body_of(body, case), None, None
@@ -104,7 +108,8 @@ class Handler(BaseHTTPRequestHandler):
             self.send_header("Location", a.location)
         self.close_connection = a.fault in ("nolength", "endless", "short", "reset")
         if a.fault not in ("nolength", "endless"):
-            self.send_header(*(("Transfer-Encoding", "chunked") if a.fault == "chunked" else ("Content-Length", len(a.body))))
+            length = a.fault[7:] if (a.fault or "").startswith("length=") else len(a.body)
+            self.send_header(*(("Transfer-Encoding", "chunked") if a.fault == "chunked" else ("Content-Length", length)))
         self.end_headers()
         try:
             while a.fault == "endless" and not head and not case.stopping.is_set():
@@ -112,6 +117,15 @@ class Handler(BaseHTTPRequestHandler):
             body = a.body[:len(a.body) // 2] if a.fault in ("short", "reset") else a.body
             if a.fault == "chunked":
                 body = b"".join(b"%x\r\n%s\r\n" % (len(body[i:i + 999]), body[i:i + 999]) for i in range(0, len(body), 999)) + b"0\r\n\r\n"
+            if (a.fault or "").startswith("rate=") and not head:  # paced, as a slow link would send it
+                per = int(a.fault[5:])
+                for i in range(0, len(body), max(1, per // 20)):
+                    if case.stopping.is_set():
+                        break
+                    self.wfile.write(body[i:i + max(1, per // 20)])
+                    self.wfile.flush()
+                    time.sleep(max(1, per // 20) / per)
+                body = b""
             self.wfile.write(b"" if head else body)
             if a.fault == "reset":
                 self.wfile.flush()
@@ -148,7 +162,7 @@ class Case:
         url, md5 = self.servers[0].url, hashlib.md5(self.package).hexdigest()
         refused = f"http://127.0.0.1:{self.refused.getsockname()[1]}"
         for k, v in (("$T", self.T), ("$W", self.W), ("$D", self.flow["D"]), ("$PKG", self.flow["pkg"]), ("$PID", self.path("pid")),
-                     ("$NOW", str(FROZEN)), ("$URLTEXT", url), ("$URLAUTH", url.replace("://", "://kx:secret@").encode().hex()),
+                     ("$NOW", str(FROZEN)), ("$UPDATE", self.program), ("$URLTEXT", url), ("$URLAUTH", url.replace("://", "://kx:secret@").encode().hex()),
                      ("$URLUP", url.encode().hex().upper()), ("$URLMAX", (url + "/" + "a" * (4094 - len(url))).encode().hex()),
                      ("$URL", url.encode().hex()), ("$MIRROR", self.servers[-1].url), ("$REFUSEDTEXT", refused),
                      ("$REFUSED", refused.encode().hex()), ("$UMD5", md5.upper()), ("$MD5", md5)):
@@ -172,7 +186,7 @@ class Case:
     def answer_for(self, method, path):
         with self.lock:
             self.requests.append(f"{method} {path}")
-            p = urlsplit(path).path
+            p = unquote(urlsplit(path).path)
             turns = self.routes.get(p) or next((v for k, v in self.routes.items() if k.endswith("*") and p.startswith(k[:-1])), None)
             if turns is None:
                 self.unexpected.append(f"{method} {path}")
@@ -216,7 +230,7 @@ class Case:
         for i, (instance, content) in enumerate(self.configs):
             Path(self.path(f"cfg{i}")).write_bytes(content)
             d = "/etc/opt/kx/conf" + ("." + instance if instance else "")
-            setup.append(f"mkdir -p {d} && cp {self.path(f'cfg{i}')} {d}/dbdir.cfg")
+            setup.append(f"mkdir -p {shlex.quote(d)} && cp {self.path(f'cfg{i}')} {shlex.quote(d)}/dbdir.cfg")
         if "disk" in o:
             setup.append(f"mount -t tmpfs -o size={o['disk']},mode=0755 tmpfs {self.T}")
         prefix = {"arch32": ["setarch", "linux32"], "valgrind": ["valgrind", "-q", "--error-exitcode=99", "--leak-check=full",
@@ -374,8 +388,7 @@ def statements(path, name):
 
 # One set-up statement; False for a statement that is not one.
 def setup(case, key, rest):
-    words = rest.split(None, 2) if key == "plant" else split(rest) if key in ("serve", "lock", "config", "chown", "chmod", "run", "argv",
-                                                                           "publish") else []
+    words = split(rest) if key in ("serve", "lock", "config", "chown", "chmod", "run", "argv", "publish", "plant") else []
     if key == "flow":
         case.set_flow(rest)
     elif key == "package":
@@ -389,7 +402,7 @@ def setup(case, key, rest):
         cmd, kind, arg = re.match(r"(\S+) (?:(out|sh):)?(.*)", rest).groups()
         Path(case.S, cmd + "." + (kind or "status")).write_bytes(unescape(case.subst(arg)))
     elif key in ("plant", "decoy"):
-        case.plant(*words) if key == "plant" else case.plant("decoy", "", rest)
+        case.plant(words[0], words[1], " ".join(words[2:]) or None) if key == "plant" else case.plant("decoy", "", rest)
     elif key == "lock":
         base = FROZEN if "frozen" in case.opts else int(time.time() * 1000)
         text = case.subst((words[1:] or ["{}\\n"])[0]).replace("{}", str(base - int(words[0])))
@@ -397,7 +410,7 @@ def setup(case, key, rest):
     elif key == "config":
         case.configs.append((words[1] if len(words) > 1 else "", body_of(case.subst(words[0]), case)))
     elif key in ("chown", "chmod"):
-        getattr(os, key)(case.where(words[1]), *((int(words[0]), ) * 2 if key == "chown" else (int(words[0], 8), )))
+        (os.lchown if key == "chown" else os.chmod)(case.where(words[1]), *((int(words[0]), ) * 2 if key == "chown" else (int(words[0], 8), )))
     elif key in ("arch32", "lenient", "tls", "frozen", "valgrind"):
         case.opts[key] = True
     elif key in ("umask", "timeout", "fsize", "user", "logfile", "disk", "stdout", "parallel", "published"):
@@ -438,7 +451,7 @@ def main():
         case.stopping.set()
         for s in case.servers:
             s.shutdown()
-        shutil.rmtree(case.dir, ignore_errors=True)
+        os.environ.get("KX_KEEP") or shutil.rmtree(case.dir, ignore_errors=True)
 
 
 if __name__ == "__main__":

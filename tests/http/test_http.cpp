@@ -55,9 +55,11 @@ TEST(HttpClientLife, DownloadHashedAsWrittenThenNoProgressAndNoRequestAfterClean
   const std::string url = "file://" + dir.file("v");         // a "server" that answers without a status
   HttpClient client;
   Headers headers;
-  std::string body, md5;
-  ASSERT_EQ(client.download(url, dir.file("copy"), headers, HttpClient::kNoLimit, &md5), 0);
-  EXPECT_EQ(md5, utils::computeMD5(dir.file("copy")));
+  std::string body;
+  HttpClient::Landed landed;
+  ASSERT_EQ(client.download(url, dir.file("copy"), headers, HttpClient::kNoLimit, &landed, true), 0);
+  EXPECT_EQ(landed.md5, utils::computeMD5(dir.file("copy")));
+  EXPECT_EQ(landed.size, 300001u);
   const ScopedLogCapture cap;
   headers["stale"] = "from an earlier request";
   EXPECT_EQ(client.get(url, body, headers), 0);

@@ -4,6 +4,7 @@
 // only ever calls with the host's values. The rest is shown by tests/e2e.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <boost/filesystem/operations.hpp>
 #include <cstdio>
@@ -13,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "ShellCommand.h"
 #include "TestSupport.h"
 #include "Updater.h"
 
@@ -117,6 +119,11 @@ TEST(Install, DisplayLibrariesPerPlatformAndPackageKind) {
     up.os = row.first;
     up.distrib = row.second;
     utils::SetuParameter p;
+    p.setupPath = bin.file("a.rpm");  // the verified download the installer is given
+    writeFile(p.setupPath, "rpm");
+    struct stat st {};
+    ASSERT_EQ(stat(p.setupPath.c_str(), &st), 0);
+    up.landed = HttpClient::Landed{3, static_cast<uint64_t>(st.st_dev), static_cast<uint64_t>(st.st_ino), ""};
     p.stopCmd = "systemctl stop";
     p.installCmd = "rpm -U /t/a.rpm";
     p.startCmd = "systemctl start";
@@ -163,4 +170,43 @@ TEST(Utils, ExeclogLogsBothStreamsOrTheFailureToStart) {
   ASSERT_EQ(lines.size(), 4u);
   EXPECT_EQ(lines[0].message + "|" + lines[1].message + "|" + lines[2].message + lines[2].level + "|" + lines[3].level,
             "exec : sh -c \"echo out; echo err >&2; exit 4\"|out|errERR|ERR");
+}
+
+// What the shell hands the program is the text itself, as one word, in both
+// positions, whatever the text holds; ordinary words keep their exact text.
+TEST(ShellCommand, EveryTextReachesTheProgramAsOneWordUnchanged) {
+  using utils::ShellCommand;
+  for (const std::string text : {"/t/a-1.2_3,x:y@z%+=.deb", "x~y", "~x", "", "a b", "it's", "a&b;c|d>e", "$(id)`id`",
+                                 "\"q\" \\ \\' \\$", "*?[a]", "\xc3\xa9 \xc3\xbc"}) {
+    for (const std::string& word : {ShellCommand::bare(text), ShellCommand::doubleQuoted(text)}) {
+      std::vector<std::string> out;
+      std::string cmd = "printf '%s|' " + word;
+      ASSERT_EQ(utils::exec(cmd, out), 0) << word;
+      EXPECT_EQ(out, std::vector<std::string>{text + "|"}) << word;
+    }
+  }
+  EXPECT_EQ(ShellCommand("dpkg").word("-i").arg("/t/a~rc1.deb").text(), "dpkg -i /t/a~rc1.deb");
+  EXPECT_EQ(ShellCommand().arg("~x").quoted("$").text(), "'~x' \"\\$\"");
+  EXPECT_THROW(ShellCommand::bare("a\nb"), ShellCommand::Refused);
+  EXPECT_THROW(ShellCommand::doubleQuoted(std::string("a\0b", 3)), ShellCommand::Refused);
+}
+
+// The walk from the root: components, "..", relative links and loops.
+TEST(Directories, EveryComponentOnTheWayIsJudged) {
+  const TempDir tmp;
+  boost::filesystem::create_directories(tmp.file("a/b"));
+  writeFile(tmp.file("f"), "");
+  ASSERT_EQ(mkdir(tmp.file("w").c_str(), 0755) + chmod(tmp.file("w").c_str(), 0777), 0);
+  ASSERT_EQ(symlink("a/b", tmp.file("rel").c_str()) + symlink("loop", tmp.file("loop").c_str()), 0);
+  const std::pair<std::string, std::string> rows[] = {
+      {"a/../a/b", ""},
+      {"rel", ""},
+      {"w/x", "w is writable by others without the sticky bit"},
+      {"f", "f is not a directory"},
+      {"gone", "gone cannot be examined (No such file or directory)"},
+      {"loop", "loop is one link too many"},
+  };
+  for (const auto& [path, problem] : rows) {
+    EXPECT_EQ(utils::directoryProblem(tmp.file(path)), problem.empty() ? "" : tmp.file(problem)) << path;
+  }
 }
