@@ -8,6 +8,7 @@
 
 #include "HttpClient.h"
 #include "Outcome.h"
+#include "RunRecord.h"
 #include "utils.h"
 
 // One update of the agent: resolves where the setup package lies, checks
@@ -163,6 +164,9 @@ class Updater {
   int lockFd = -1;
   // The accepted download, as its descriptor saw it.
   HttpClient::Landed landed;
+  // What the run learned and did, for the run record; update() fills all
+  // but the times and the installed version.
+  RunRecord record;
   HttpClient httpClient;
   std::string serverUrl;
   std::string tempDir;

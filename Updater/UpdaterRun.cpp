@@ -346,11 +346,16 @@ Outcome Updater::update(const std::string& url, const std::string& version) {
   KXLOG(KXLM_ROOT, KXLL_NFY, "Check Update");
   KXLOG(KXLM_ROOT, KXLL_NFY, "Current version : " << version);
   KXLOG(KXLM_ROOT, KXLL_NFY, "Udpate server : " << utils::logUrl(url));
-  if (!checkLockFile()) return Outcome::failed(0, "another instance holds the lock");
+  if (!checkLockFile()) {
+    record.action = "locked";
+    return record.outcome = Outcome::failed(0, "another instance holds the lock");
+  }
   Outcome outcome = runSteps(url, version);
+  if (!outcome.ok()) record.action = "failed";
   // Only a failure that a retry may cure (no root, server unreachable)
   // frees the lock at once; anything else waits out the hour.
   if (outcome.code == 1 || outcome.code == 2 || restartOnly) removeLockFile();
+  record.outcome = outcome;
   return outcome;
 }
 
@@ -408,6 +413,7 @@ Outcome Updater::runSteps(const std::string& url, const std::string& version) {
 
     utils::SetuParameter p = getAgentSetup();
     if (emulated) p.installCmd = "arch -arch arm64 " + p.installCmd;
+    record.packageUrl = p.setupUrl;
 
     KXLOG(KXLM_ROOT, KXLL_NFY, "version url = " << utils::logUrl(p.versionUrl));
     KXLOG(KXLM_ROOT, KXLL_NFY, "setup url   = " << utils::logUrl(p.setupUrl));
@@ -419,13 +425,16 @@ Outcome Updater::runSteps(const std::string& url, const std::string& version) {
 
     Version available;
     if (Outcome o = fetchAvailableVersion(p, available); !o.ok()) return o;
+    record.offeredVersion = available.toString();
     if (!(current < available)) {
       KXLOG(KXLM_ROOT, KXLL_NFY, "Current version is up to date. Nothing to do");
+      record.action = "up to date";
       return Outcome();
     }
     const std::string expectedMd5 = fetchExpectedMd5(p);
     unsigned long long expectedSize = 0;
     if (Outcome o = fetchExpectedSize(p, expectedSize); !o.ok()) return o;
+    record.packageSize = expectedSize;
     if (Outcome o = downloadVerified(p, expectedSize, expectedMd5); !o.ok()) return o;
 
     if (os == utils::Macosx && distrib == utils::Dmg) {
@@ -445,6 +454,7 @@ Outcome Updater::runSteps(const std::string& url, const std::string& version) {
 
     if (Outcome o = installAgent(p, current, available); !o.ok()) return o;
     KXLOG(KXLM_ROOT, KXLL_NFY, "Agent Update done");
+    record.action = restartOnly ? "restarted" : "updated";
     return Outcome();
   } catch (const std::exception& e) {
     KXLOG(KXLM_ROOT, KXLL_ERR, "Exception : " << utils::logText(e.what()));

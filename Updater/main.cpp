@@ -15,6 +15,8 @@
 #include "FileKXLogCb.h"
 #include "KXException.h"
 #include "KXLog.h"
+#include "KXSys.h"
+#include "RunRecord.h"
 #include "TargetOS.h"
 #include "Updater.h"
 #include "osal_conf.h"
@@ -75,6 +77,9 @@ std::string logDirectory(std::vector<std::string>& refusals) {
   return !ec && utils::directoryProblem(dir).empty() ? dir : std::string();
 }
 
+// Where the log, and the run record beside it, go; "" for nowhere.
+std::string g_logDir;
+
 // An empty directory (no usable temporary directory) leaves the sink without
 // a file rather than writing into whatever the working directory is; the
 // echo still works.
@@ -83,11 +88,23 @@ void init_logging(bool echo) {
   if (log == nullptr) return;
   log->setLevels("ROOT:5;");
   std::vector<std::string> refusals;
-  const std::string dir = logDirectory(refusals);
+  const std::string dir = g_logDir = logDirectory(refusals);
   g_KXLogCb =
       new FileKXLogCb(dir.empty() ? std::string() : (boost::filesystem::path(dir) / kLogFileName).string(), echo);
   log->setLogCb(g_KXLogCb);
   for (const std::string& refusal : refusals) utils::reportRefusal(refusal);
+}
+
+// The record of the run, beside its log. A failure to write it is the
+// log's last line.
+void recordRun(RunRecord& record, const std::string& version, long long start) {
+  if (g_logDir.empty()) return;
+  record.installedVersion = version;
+  record.startMs = start;
+  record.endMs = static_cast<long long>(KXSys::timeMs());
+  if (const std::string problem = record.write(g_logDir); !problem.empty()) {
+    KXLOG(KXLM_ROOT, KXLL_ERR, "Run record not written: " << problem);
+  }
 }
 
 // Nothing may log into the sink once it is gone.
@@ -129,22 +146,28 @@ int main(int argc, char** argv) {
   // Any other four-argument form runs with an empty address and version and
   // no log file; the run's own checks end it.
 
+  const long long start = static_cast<long long>(KXSys::timeMs());
+  RunRecord record;
   int result = 0;
   try {
     std::string decoded = utils::decodeURL(url);
     if (!decoded.empty() && decoded.back() == '/') decoded.pop_back();
     Updater updater(restartOnly);
     result = updater.checkAndUpdate(decoded, version);
-    closeLogging();
+    recordRun(updater.record, version, start);
   } catch (const std::exception& e) {
     std::cout << e.what();
-    closeLogging();
-    return 0;
+    record.outcome = Outcome::failed(0, std::string("exception: ") + utils::logText(e.what()));
+    record.action = "failed";
+    recordRun(record, version, start);
   } catch (const KXException& e) {
     // The address decodes to more than the 4095 characters a URL may have.
     std::cerr << "Invalid server address (error " << e.getCode() << ")" << std::endl;
-    closeLogging();
-    return 1;
+    record.outcome = Outcome::failed(1, "server address too long to decode");
+    record.action = "failed";
+    recordRun(record, version, start);
+    result = 1;
   }
+  closeLogging();
   return result;
 }

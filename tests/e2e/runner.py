@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 # runner.py <bin dir> <cases file> <case name>: one case of a .cases file (format at the top of update.cases).
 # Exit status: 0 passed, 1 failed (what differed is printed), 77 skipped.
-import hashlib, os, platform, random, re, resource, shlex, shutil, signal, socket, ssl, stat
+import hashlib, json, os, platform, random, re, resource, shlex, shutil, signal, socket, ssl, stat
 import subprocess, sys, tempfile, threading, time
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 from pathlib import Path
@@ -334,6 +334,12 @@ class Case:
             text, want = (out if key == "out" else err), self.subst(unescape(rest).decode("latin-1"))
             if not (text == want[1:] if want.startswith("=") else want in text if want else text == ""):
                 self.compare(f"standard {key}", [want], [text[:2000]])
+        elif key == "record":  # last-run.json beside the log: KEY=VALUE ..., VALUE as JSON text or a plain word
+            path = os.path.join(os.path.dirname(self.where(self.opts.get("logfile", "agent_upd.log"))), "last-run.json")
+            got = json.loads(Path(path).read_text()) if os.path.isfile(path) else {}
+            for k, _, v in (w.partition("=") for w in split(self.subst(rest))):
+                if json.dumps(got.get(k)) != v and str(got.get(k)) != v:
+                    self.failures.append(f"record {k}: expected {v}, got {json.dumps(got.get(k))}")
         elif key == "row":
             platform, _, verdict = self.subst(rest).partition(": ")
             rows = [r.rstrip() for r in out.splitlines() if r.startswith(platform + " ")]
