@@ -27,6 +27,9 @@ bool isPublishableVersion(const std::string& text);
 int layout(const std::vector<std::string>& args);
 int check(const std::vector<std::string>& args);
 
+// The usage text; --help or -h anywhere prints it on standard output.
+extern const char* const kUsage;
+
 // Print the message (and, for usage, the usage) on standard error; both
 // return 2.
 int usage(const std::string& message);

@@ -1,5 +1,6 @@
 // kx-publish layout|check ...: see Publish.h and the README.
 #include <cstdio>
+#include <cstring>
 #include <iostream>
 #include <string>
 #include <vector>
@@ -35,11 +36,15 @@ int refuse(const std::string& message) {
   return 2;
 }
 
+const char* const kUsage =
+    "usage: kx-publish layout <out-dir> --version <a.b.c.d> [--definition] <os>/<arch>=<package>...\n"
+    "       kx-publish check <server-url> [--from <a.b.c.d>] [--download] [--json]\n"
+    "       kx-publish --help\n"
+    "  os: macos, linux, windows; arch: amd64, arm64; package: .dmg .pkg .deb .rpm .exe .spk\n";
+
 int usage(const std::string& message) {
   if (!message.empty()) std::cerr << "kx-publish: " << message << "\n";
-  std::cerr << "usage: kx-publish layout <out-dir> --version <a.b.c.d> [--definition] <os>/<arch>=<package>...\n"
-               "       kx-publish check <server-url> [--from <a.b.c.d>] [--download] [--json]\n"
-               "  os: macos, linux, windows; arch: amd64, arm64; package: .dmg .pkg .deb .rpm .exe .spk\n";
+  std::cerr << kUsage;
   return 2;
 }
 
@@ -48,6 +53,13 @@ int usage(const std::string& message) {
 int main(int argc, char** argv) {
   const std::vector<std::string> args(argv + (argc > 1 ? 2 : argc), argv + argc);
   const std::string command = argc > 1 ? argv[1] : "";
+  // Asked for, the usage is the answer: on standard output, and success.
+  for (int i = 1; i < argc; ++i) {
+    if (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0) {
+      std::cout << publish::kUsage;
+      return 0;
+    }
+  }
   try {
     if (command == "layout") return publish::layout(args);
     if (command == "check") return publish::check(args);
