@@ -37,6 +37,9 @@ class HttpClient {
   // Body into `body`, response headers (of every response of a redirect chain,
   // the last value winning) into `headers`. Both are emptied first.
   int get(const std::string& url, std::string& body, std::map<std::string, std::string>& headers);
+  // get for a body of at most maxBody bytes; a longer one fails the request
+  // (-1) before more than that is kept.
+  int get(const std::string& url, std::string& body, std::map<std::string, std::string>& headers, size_t maxBody);
   // Headers only; no body is transferred.
   int head(const std::string& url, std::map<std::string, std::string>& headers);
   // What a download left at its path, read from the descriptor it wrote
@@ -48,7 +51,9 @@ class HttpClient {
     // Lower-case sums of what the file holds, when asked for; "" when they
     // could not be established.
     std::string md5;
+    std::string sha256;
   };
+  enum Sums : unsigned { kMd5 = 1, kSha256 = 2 };
 
   // Body into the file at `path` (created or truncated), logging progress in
   // steps of ten percent. The file is never removed, even after a failure.
@@ -56,13 +61,13 @@ class HttpClient {
   // never written through. With a limit, writing stops one byte past it and
   // the transfer ends there as if complete, so that an endless body cannot
   // fill the disk and the caller's size check sees the difference.
-  // With landed, it receives what the file holds once the file was opened;
-  // with hashMd5 also its MD5, computed while it is written (by a second
-  // thread, joined before the call returns, from each step that reached the
-  // file).
+  // With landed, it receives what the file holds once the file was opened,
+  // and the sums asked for (Sums), computed while it is written from each
+  // step that reached the file (MD5 by a second thread, joined before the
+  // call returns).
   static constexpr uint64_t kNoLimit = ~uint64_t{0};
   int download(const std::string& url, const std::string& path, std::map<std::string, std::string>& headers,
-               uint64_t limit = kNoLimit, Landed* landed = nullptr, bool hashMd5 = false);
+               uint64_t limit = kNoLimit, Landed* landed = nullptr, unsigned sums = 0);
 
   // The latest request's result and, when its transfer failed, libcurl's
   // reason; for a caller that explains a failure beyond its number.

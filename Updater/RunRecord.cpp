@@ -1,15 +1,8 @@
 #include "RunRecord.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstring>
 #include <ctime>
 #include <nlohmann/json.hpp>
 
-#include "osal_file.h"
 #include "utils.h"
 
 namespace {
@@ -42,20 +35,4 @@ std::string RunRecord::json() const {
   return j.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
 }
 
-std::string RunRecord::write(const std::string& dir) const {
-  const std::string path = dir + "/" + kRecordName;
-  const std::string fresh = path + "." + std::to_string(getpid());
-  int fd = -1;
-  const char* replaced = nullptr;
-  if (osal_openOwned(fresh.c_str(), O_TRUNC, &fd, &replaced) != 0) return "cannot create " + fresh;
-  const std::string text = json();
-  const bool written = osal_writeFix(fd, text.data(), static_cast<unsigned int>(text.size())) == 0;
-  const bool closed = osal_close(fd) == 0;
-  // rename replaces whatever is at path, a link included, without following it.
-  if (!written || !closed || rename(fresh.c_str(), path.c_str()) != 0) {
-    const std::string why = std::strerror(errno);
-    unlink(fresh.c_str());
-    return "cannot write " + path + " (" + why + ")";
-  }
-  return std::string();
-}
+std::string RunRecord::write(const std::string& dir) const { return utils::replaceFile(dir + "/" + kRecordName, json()); }

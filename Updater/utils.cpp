@@ -1,5 +1,6 @@
 #include "utils.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
@@ -22,6 +23,7 @@
 #include "KXLog.h"
 #include "KXSys.h"
 #include "ShellCommand.h"
+#include "osal_file.h"
 #include "osal_sysinfo.h"
 
 namespace utils {
@@ -209,6 +211,37 @@ std::string directoryProblem(const std::string& dir) {
   std::string real;
   int links = 0;
   return walkDirectories(path, &real, &links);
+}
+
+std::string urlDecoded(const std::string& path) {
+  std::string out;
+  for (size_t i = 0; i < path.size(); ++i) {
+    const auto digit = [&](size_t at) {
+      const char c = at < path.size() ? static_cast<char>(std::tolower(static_cast<unsigned char>(path[at]))) : 'x';
+      return c >= '0' && c <= '9' ? c - '0' : c >= 'a' && c <= 'f' ? c - 'a' + 10 : -1;
+    };
+    if (path[i] == '%' && digit(i + 1) >= 0 && digit(i + 2) >= 0) {
+      out += static_cast<char>(digit(i + 1) * 16 + digit(i + 2));
+      i += 2;
+    } else {
+      out += path[i];
+    }
+  }
+  return out;
+}
+
+std::string replaceFile(const std::string& path, const std::string& text) {
+  const std::string fresh = path + "." + std::to_string(getpid());
+  int fd = -1;
+  if (osal_openOwned(fresh.c_str(), O_TRUNC, &fd) != 0) return "cannot create " + fresh;
+  const bool written = osal_writeFix(fd, text.data(), static_cast<unsigned int>(text.size())) == 0;
+  const bool closed = osal_close(fd) == 0;
+  if (!written || !closed || rename(fresh.c_str(), path.c_str()) != 0) {
+    const std::string why = std::strerror(errno);
+    unlink(fresh.c_str());
+    return "cannot write " + path + " (" + why + ")";
+  }
+  return std::string();
 }
 
 unsigned long long freeSpace(const std::string& dir) {

@@ -125,6 +125,15 @@ std::string fileNameProblem(const std::string& name);
 // or a "%" in a file name reaches the server as part of the name.
 std::string urlSegment(const std::string& name);
 
+// The text a URL path stands for: every %XX decoded.
+std::string urlDecoded(const std::string& path);
+
+// Replaces the file at path with text in one step: a file of our own is made
+// beside it (never through a link), written, and renamed over path, so that
+// a reader sees the old content or the new, and a link at path is replaced,
+// not followed. "" on success, else why not.
+std::string replaceFile(const std::string& path, const std::string& text);
+
 // Why dir is no place for the files of a run as root, or "" when it is fine:
 // "<component> is <reason>". Every directory from the root down must be owned
 // by root or us and not writable by others without the sticky bit (anyone

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "HttpClient.h"
+#include "Manifest.h"
 #include "TestSupport.h"
 #include "utils.h"
 
@@ -57,8 +58,11 @@ TEST(HttpClientLife, DownloadHashedAsWrittenThenNoProgressAndNoRequestAfterClean
   Headers headers;
   std::string body;
   HttpClient::Landed landed;
-  ASSERT_EQ(client.download(url, dir.file("copy"), headers, HttpClient::kNoLimit, &landed, true), 0);
+  ASSERT_EQ(client.download(url, dir.file("copy"), headers, HttpClient::kNoLimit, &landed,
+                            HttpClient::kMd5 | HttpClient::kSha256),
+            0);
   EXPECT_EQ(landed.md5, utils::computeMD5(dir.file("copy")));
+  EXPECT_EQ(landed.sha256, release::sha256Hex(readFile(dir.file("copy"))));
   EXPECT_EQ(landed.size, 300001u);
   const ScopedLogCapture cap;
   headers["stale"] = "from an earlier request";

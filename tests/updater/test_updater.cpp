@@ -123,7 +123,7 @@ TEST(Install, DisplayLibrariesPerPlatformAndPackageKind) {
     writeFile(p.setupPath, "rpm");
     struct stat st {};
     ASSERT_EQ(stat(p.setupPath.c_str(), &st), 0);
-    up.landed = HttpClient::Landed{3, static_cast<uint64_t>(st.st_dev), static_cast<uint64_t>(st.st_ino), ""};
+    up.landed = HttpClient::Landed{3, static_cast<uint64_t>(st.st_dev), static_cast<uint64_t>(st.st_ino), "", ""};
     p.stopCmd = "systemctl stop";
     p.installCmd = "rpm -U /t/a.rpm";
     p.startCmd = "systemctl start";

@@ -151,3 +151,23 @@ void KXHashMD5::convertBinToHex(const unsigned char* bin16, unsigned char* out33
 bool KXHashMD5::convertHexToBin(const unsigned char* hex32, unsigned char* bin16) {
   return KXSys::convertHexToBin(hex32, kHexLen, bin16, kDigestLen) == kDigestLen;
 }
+
+KXHashSHA256::KXHashSHA256() : _ctx(EVP_MD_CTX_new()) { EVP_DigestInit_ex(_ctx, EVP_sha256(), nullptr); }
+
+KXHashSHA256::~KXHashSHA256() { EVP_MD_CTX_free(_ctx); }
+
+void KXHashSHA256::update(const void* data, size_t len) {
+  if (_hex.empty()) EVP_DigestUpdate(_ctx, data, len);
+}
+
+std::string KXHashSHA256::hex() {
+  if (!_hex.empty()) return _hex;
+  static const char kHex[] = "0123456789abcdef";
+  unsigned char bin[32] = {};
+  EVP_DigestFinal_ex(_ctx, bin, nullptr);
+  for (const unsigned char b : bin) {
+    _hex += kHex[b >> 4];
+    _hex += kHex[b & 0xf];
+  }
+  return _hex;
+}

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <string>
 
 // OpenSSL's context and method types, declared only so that this header
 // need not pull in the crypto headers; KXHash.cpp is the one file that uses
@@ -59,4 +61,23 @@ class KXHashMD5 {
   evp_md_ctx_st* _ctx;
   const evp_md_st* _md;
   int32_t _state;
+};
+
+// Incremental SHA-256, for a download hashed while it lands. Used by one
+// thread at a time.
+class KXHashSHA256 {
+ public:
+  KXHashSHA256();
+  ~KXHashSHA256();
+  KXHashSHA256(const KXHashSHA256&) = delete;
+  KXHashSHA256& operator=(const KXHashSHA256&) = delete;
+
+  void update(const void* data, size_t len);
+  // 64 lower-case hex digits of everything fed so far; the hash is then
+  // closed, and later calls give the same text.
+  std::string hex();
+
+ private:
+  evp_md_ctx_st* _ctx;
+  std::string _hex;
 };
