@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "HttpClient.h"
+#include "Manifest.h"
 #include "Outcome.h"
 #include "RunRecord.h"
 #include "utils.h"
@@ -106,6 +107,26 @@ class Updater {
   // one that something else put there.
   void removeDownload(const utils::SetuParameter& p) const;
 
+  // Signed releases, on a machine that pins keys (configDir/update-keys).
+  // The pinned keys: 0 with pinned false when there is no key file, 12 when
+  // there is one that is not root's alone or holds no usable key (never a
+  // fall back to unsigned updates).
+  Outcome loadPinnedKeys();
+  // The signed release's entry for p's package (release.json and its
+  // signature from the server): 12 when either cannot be fetched, the
+  // release does not verify against the pinned keys, has expired or is
+  // older than the last accepted one, or has no entry for the package's path
+  // or another version than the one published.
+  Outcome checkRelease(const utils::SetuParameter& p, const Version& available);
+  // A size against the entry's (12): the announced one before downloading.
+  Outcome matchRelease(const utils::SetuParameter& p, uint64_t size);
+  // After the download: its size and SHA-256 against the entry (12), then
+  // the release's serial remembered in configDir/update-serial.
+  Outcome acceptRelease(const utils::SetuParameter& p);
+  // The package's path under the server's address as a release names it
+  // ("linux/amd64/setup.deb"): no leading "/", file names decoded.
+  std::string packagePath(const utils::SetuParameter& p) const;
+
   // Stops the agent, installs the package (unless restartOnly), detaches a
   // disk image and starts the agent again on every path. Failures of the
   // commands are logged and do not change the run's result; a package that
@@ -167,6 +188,15 @@ class Updater {
   // What the run learned and did, for the run record; update() fills all
   // but the times and the installed version.
   RunRecord record;
+  // The agent's configuration directory ("<root>" or "<root>.<instance>"),
+  // where release keys are pinned; set by the caller, "" for none.
+  std::string configDir;
+  bool keysPinned = false;
+  std::vector<release::PublicKey> pinnedKeys;
+  release::Verified signedRelease;
+  const release::Entry* signedEntry = nullptr;
+  // Sums a download computes beyond the MD5 (SHA-256 for a signed release).
+  unsigned downloadSums = 0;
   HttpClient httpClient;
   std::string serverUrl;
   std::string tempDir;

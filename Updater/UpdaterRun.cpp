@@ -337,6 +337,8 @@ const char* resultMeaning(int code) {
       return "disk image could not be attached";
     case 11:
       return "no temporary directory, no verified file, or an exception in the run";
+    case 12:
+      return "a signed release was required and a check of it failed";
     default:
       return "unknown result";
   }
@@ -354,7 +356,8 @@ Outcome Updater::update(const std::string& url, const std::string& version) {
   if (!outcome.ok()) record.action = "failed";
   // Only a failure that a retry may cure (no root, server unreachable)
   // frees the lock at once; anything else waits out the hour.
-  if (outcome.code == 1 || outcome.code == 2 || restartOnly) removeLockFile();
+  // A refused release is the server's fault as much as a failed request.
+  if (outcome.code == 1 || outcome.code == 2 || outcome.code == 12 || restartOnly) removeLockFile();
   record.outcome = outcome;
   return outcome;
 }
@@ -410,6 +413,9 @@ Outcome Updater::runSteps(const std::string& url, const std::string& version) {
       return Outcome::failed(3, "invalid architecture " + utils::logText(archText));
     }
     KXLOG(KXLM_ROOT, KXLL_NFY, "arch  is [" << archText << "]");
+    // A machine that pins release keys must have usable ones before it asks
+    // the server anything: it never falls back to unsigned updates.
+    if (Outcome o = loadPinnedKeys(); !o.ok()) return o;
 
     utils::SetuParameter p = getAgentSetup();
     if (emulated) p.installCmd = "arch -arch arm64 " + p.installCmd;
@@ -431,11 +437,23 @@ Outcome Updater::runSteps(const std::string& url, const std::string& version) {
       record.action = "up to date";
       return Outcome();
     }
+    if (keysPinned) {
+      if (Outcome o = checkRelease(p, available); !o.ok()) return o;
+    }
     const std::string expectedMd5 = fetchExpectedMd5(p);
     unsigned long long expectedSize = 0;
     if (Outcome o = fetchExpectedSize(p, expectedSize); !o.ok()) return o;
     record.packageSize = expectedSize;
+    if (keysPinned) {
+      if (Outcome o = matchRelease(p, expectedSize); !o.ok()) return o;  // before a byte is downloaded
+    }
     if (Outcome o = downloadVerified(p, expectedSize, expectedMd5); !o.ok()) return o;
+    if (keysPinned) {
+      if (Outcome o = acceptRelease(p); !o.ok()) {
+        removeDownload(p);
+        return o;
+      }
+    }
 
     if (os == utils::Macosx && distrib == utils::Dmg) {
       // hdiutil reads the image by its path: it must still be the file that
@@ -549,7 +567,8 @@ Outcome Updater::downloadVerified(const utils::SetuParameter& p, unsigned long l
   std::map<std::string, std::string> headers;
   enum class Verdict { NotTried, WrongSize, WrongHash, Accepted } verdict = Verdict::NotTried;
   for (int attempt = 0; attempt < kDownloadAttempts && verdict != Verdict::Accepted; ++attempt) {
-    const int c = httpClient.download(p.setupUrl, p.setupPath, headers, expectedSize, &landed, !expectedMd5.empty());
+    const int c = httpClient.download(p.setupUrl, p.setupPath, headers, expectedSize, &landed,
+                                      (expectedMd5.empty() ? 0U : HttpClient::kMd5) | downloadSums);
     if (c != 0) {
       KXLOG(KXLM_ROOT, KXLL_ERR, "'Fail to download setup file: [" << c << "]");
       removeDownload(p);

@@ -42,6 +42,9 @@ std::string instanceProblem(const std::string& name) {
   return std::string();
 }
 
+// The agent's configuration directory, once logging found it.
+std::string g_configDir;
+
 // The log directory, or "" for no file log. What was refused on the way is
 // added to refusals, to be reported once the log is there.
 std::string logDirectory(std::vector<std::string>& refusals) {
@@ -53,6 +56,7 @@ std::string logDirectory(std::vector<std::string>& refusals) {
   }
   char confDir[1056] = {};
   std::snprintf(confDir, sizeof confDir, "%s%s%s", utils::configRoot(), instance[0] != '\0' ? "." : "", instance);
+  g_configDir = confDir;
   char confFile[2048] = {};
   std::snprintf(confFile, sizeof confFile, "%s%s", confDir, "/dbdir.cfg");
   char dbDir[1024] = {};
@@ -153,6 +157,7 @@ int main(int argc, char** argv) {
     std::string decoded = utils::decodeURL(url);
     if (!decoded.empty() && decoded.back() == '/') decoded.pop_back();
     Updater updater(restartOnly);
+    updater.configDir = g_configDir;
     result = updater.checkAndUpdate(decoded, version);
     recordRun(updater.record, version, start);
   } catch (const std::exception& e) {
