@@ -4,12 +4,14 @@
 #include <boost/filesystem.hpp>
 #include <fstream>
 #include <iostream>
+#include <iterator>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "Manifest.h"
 #include "Publish.h"
 #include "Updater.h"
 #include "utils.h"
@@ -103,7 +105,8 @@ void writeFile(const fs::path& path, const std::string& text) {
 }  // namespace
 
 int layout(const std::vector<std::string>& args) {
-  std::string outDir, version;
+  std::string outDir, version, signKey;
+  int expiresDays = 90;
   bool definition = false;
   std::vector<Package> packages;
   for (size_t i = 0; i < args.size(); ++i) {
@@ -113,6 +116,14 @@ int layout(const std::vector<std::string>& args) {
       version = args[++i];
     } else if (a == "--definition") {
       definition = true;
+    } else if (a == "--sign" && i + 1 < args.size()) {
+      signKey = args[++i];
+    } else if (a == "--expires" && i + 1 < args.size()) {
+      const std::string& days = args[++i];
+      expiresDays = days.find_first_not_of("0123456789") == std::string::npos && days.size() < 6 && !days.empty()
+                        ? std::stoi(days)
+                        : 0;
+      if (expiresDays <= 0) return refuse("--expires '" + days + "' is not a number of days");
     } else if (a.rfind("--", 0) != 0 && eq != std::string::npos) {
       Package pkg;
       if (!parsePlatform(a.substr(0, eq), pkg.platform)) return usage("unknown platform " + a.substr(0, eq));
@@ -127,6 +138,15 @@ int layout(const std::vector<std::string>& args) {
   }
   if (outDir.empty() || packages.empty()) return usage("layout needs an output directory and at least one package");
   if (!isPublishableVersion(version)) return refuse("version '" + version + "' is not four numbers such as 7.3.0.0");
+  if (!signKey.empty()) {
+    // A key that cannot sign is found out before anything is written.
+    try {
+      std::ifstream in(signKey, std::ios::binary);
+      release::publicKeyFile(std::string(std::istreambuf_iterator<char>(in), {}), "");
+    } catch (const std::runtime_error& e) {
+      return refuse("--sign " + signKey + ": " + e.what());
+    }
+  }
 
   std::map<std::string, std::string> taken;  // server path -> argument that claimed it
   for (Package& pkg : packages) {
@@ -172,6 +192,11 @@ int layout(const std::vector<std::string>& args) {
   if (definition) {
     writeFile(fs::path(outDir) / "agent_setup_def.json", definitionOf(packages).dump(2) + "\n");
     std::cout << "definition: /agent_setup_def.json\n";
+  }
+  if (!signKey.empty()) {
+    std::vector<SignedFile> files;
+    for (const Package& pkg : packages) files.push_back({pkg.dir.substr(1) + "/" + pkg.name, version, pkg.source});
+    signRelease(outDir, signKey, expiresDays, files);
   }
   return 0;
 }

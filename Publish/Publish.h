@@ -26,6 +26,20 @@ bool isPublishableVersion(const std::string& text);
 // status: 0, 1 (a check failed or a file could not be written), 2 (usage).
 int layout(const std::vector<std::string>& args);
 int check(const std::vector<std::string>& args);
+// keygen OUT: a new private key at OUT (PEM, 0600) and its public key file
+// at OUT.pub; neither may exist yet.
+int keygen(const std::vector<std::string>& args);
+
+// A package as a signed release lists it.
+struct SignedFile {
+  std::string path;  // under the server's address, no leading "/"
+  std::string version;
+  std::string source;  // the file, for its size and SHA-256
+};
+// Writes release.json (the serial after the one in outDir, expiring days
+// from now) and its signature by the private key at keyPath.
+void signRelease(const std::string& outDir, const std::string& keyPath, int days,
+                 const std::vector<SignedFile>& files);
 
 // The usage text; --help or -h anywhere prints it on standard output.
 extern const char* const kUsage;

@@ -37,8 +37,10 @@ int refuse(const std::string& message) {
 }
 
 const char* const kUsage =
-    "usage: kx-publish layout <out-dir> --version <a.b.c.d> [--definition] <os>/<arch>=<package>...\n"
-    "       kx-publish check <server-url> [--from <a.b.c.d>] [--download] [--json]\n"
+    "usage: kx-publish layout <out-dir> --version <a.b.c.d> [--definition] [--sign <key> [--expires <days>]]\n"
+    "                         <os>/<arch>=<package>...\n"
+    "       kx-publish check <server-url> [--from <a.b.c.d>] [--download] [--json] [--key <key.pub>]\n"
+    "       kx-publish keygen <key>\n"
     "       kx-publish --help\n"
     "  os: macos, linux, windows; arch: amd64, arm64; package: .dmg .pkg .deb .rpm .exe .spk\n";
 
@@ -63,6 +65,7 @@ int main(int argc, char** argv) {
   try {
     if (command == "layout") return publish::layout(args);
     if (command == "check") return publish::check(args);
+    if (command == "keygen") return publish::keygen(args);
     return publish::usage(command.empty() ? "" : "unknown command " + command);
   } catch (const std::exception& e) {
     std::cerr << "kx-publish: " << e.what() << "\n";
