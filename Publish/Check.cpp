@@ -5,6 +5,7 @@
 
 #include <boost/filesystem.hpp>
 #include <cstdio>
+#include <ctime>
 #include <iomanip>
 #include <iostream>
 #include <nlohmann/json.hpp>
@@ -12,6 +13,7 @@
 #include <vector>
 
 #include "KXLog.h"
+#include "Manifest.h"
 #include "Publish.h"
 #include "Updater.h"
 #include "Version.h"
@@ -116,8 +118,9 @@ std::string macPackageWithoutVersion(Updater& u, const std::string& server, int 
   return std::string();
 }
 
+// keys: the publisher's public keys when the check is a signed client's.
 Row checkOne(const Target& t, const std::string& server, const std::string& from, bool download, const std::string& tmp,
-             Capture& cap) {
+             const std::vector<release::PublicKey>* keys, Capture& cap) {
   Row row;
   row.platform = t.name;
   cap.label = t.name;
@@ -185,6 +188,14 @@ Row checkOne(const Target& t, const std::string& server, const std::string& from
   if (o.code == 2) return fail(row, 2, failure(u.httpClient, "package"));
   if (o.code == 7) return fail(row, 7, o.reason.substr(o.reason.find(": ") + 2));
   row.size = std::to_string(size);
+  // Only a package that is there is held to the release: a kind nobody
+  // published stays "not published".
+  if (keys != nullptr) {
+    u.keysPinned = true;
+    u.pinnedKeys = *keys;
+    if (Outcome r = u.checkRelease(p, available); !r.ok()) return fail(row, 12, r.reason);
+    if (Outcome r = u.matchRelease(p, size); !r.ok()) return fail(row, 12, r.reason);
+  }
   if (hashAnswer.code == 404) return halfPublished(row, "hash file " + p.hashUrl + " is missing");
   if (hashAnswer.code != 0) {
     return halfPublished(row, "hash file " + p.hashUrl + " cannot be fetched (" +
@@ -208,6 +219,9 @@ Row checkOne(const Target& t, const std::string& server, const std::string& from
     if (o.code == 2) return fail(row, 2, failure(u.httpClient, "package"));
     if (o.code == 6) return fail(row, 6, "package size differs from its announced size");
     if (o.code == 7) return fail(row, 7, "MD5 does not match");
+    if (keys != nullptr) {
+      if (Outcome r = u.acceptRelease(p); !r.ok()) return fail(row, 12, r.reason);
+    }
     if (!md5.empty()) row.md5 = "verified";
   }
   row.ok = true;
@@ -252,10 +266,40 @@ void print(const std::vector<Row>& rows, bool json) {
   }
 }
 
+// The served release as a client that pins keys sees it, in one line; false
+// when no such client would accept it. Expiring within two weeks is a
+// warning: agents that run less often than that would start to fail.
+bool checkSignedRelease(const std::string& server, const std::vector<release::PublicKey>& keys, std::ostream& out) {
+  HttpClient client;
+  std::map<std::string, std::string> headers;
+  std::string manifest, signature;
+  const std::string url = server + "/release.json";
+  out << "release.json: ";
+  if (client.get(url, manifest, headers, release::kMaxManifest) != 0) {
+    out << "unsigned: " << failure(client, "release.json") << "\n";
+    return false;
+  }
+  if (client.get(url + ".minisig", signature, headers, release::kMaxSignature) != 0) {
+    out << "unsigned: " << failure(client, "release.json.minisig") << "\n";
+    return false;
+  }
+  const int64_t now = static_cast<int64_t>(std::time(nullptr));
+  const release::Verified v = release::verifyRelease(manifest, signature, keys, now, 0);
+  if (!v.ok) {
+    out << "refused: " << v.reason << "\n";
+    return false;
+  }
+  const int64_t days = (v.release.expires - now) / 86400;
+  out << "serial " << v.release.serial << " signed by key " << v.release.keyId << " until "
+      << release::utcText(v.release.expires)
+      << (days < 14 ? ": warning: expires in " + std::to_string(days) + " days, sign it again" : ": ok") << "\n";
+  return true;
+}
+
 }  // namespace
 
 int check(const std::vector<std::string>& args) {
-  std::string server, from;
+  std::string server, from, keyFile;
   bool download = false, json = false;
   for (size_t i = 0; i < args.size(); ++i) {
     if (args[i] == "--from" && i + 1 < args.size()) {
@@ -263,6 +307,8 @@ int check(const std::vector<std::string>& args) {
       if (!isPublishableVersion(from)) return refuse("--from '" + from + "' is not four numbers such as 7.2.5.0");
     } else if (args[i] == "--download") {
       download = true;
+    } else if (args[i] == "--key" && i + 1 < args.size()) {
+      keyFile = args[++i];
     } else if (args[i] == "--json") {
       json = true;
     } else if (server.empty() && args[i].rfind("--", 0) != 0) {
@@ -274,6 +320,12 @@ int check(const std::vector<std::string>& args) {
   if (server.empty()) return usage("check needs the server's address");
   // As the updater's command line does: one trailing slash goes.
   if (server.back() == '/') server.pop_back();
+  std::vector<release::PublicKey> keys;
+  if (!keyFile.empty()) {
+    if (const std::string problem = release::parsePublicKeys(readText(keyFile), keys); !problem.empty()) {
+      return refuse(keyFile + ": " + problem);
+    }
+  }
 
   const boost::filesystem::path tmp =
       boost::filesystem::temp_directory_path() / boost::filesystem::unique_path("kx-publish-%%%%%%%%");
@@ -283,7 +335,9 @@ int check(const std::vector<std::string>& args) {
   log->setLevels("ROOT:5;");
   log->setLogCb(&cap);
   std::vector<Row> rows;
-  for (const Target& t : kTargets) rows.push_back(checkOne(t, server, from, download, tmp.string(), cap));
+  for (const Target& t : kTargets) {
+    rows.push_back(checkOne(t, server, from, download, tmp.string(), keyFile.empty() ? nullptr : &keys, cap));
+  }
   log->setLogCb(nullptr);
   boost::system::error_code ec;
   boost::filesystem::remove_all(tmp, ec);
@@ -301,7 +355,9 @@ int check(const std::vector<std::string>& args) {
     if (!elsewhere && !r.listed && r.verdict == missing) r = notPublished(r);
   }
   print(rows, json);
-  bool anyPublished = false, allOk = true;
+  // Beside the rows, so that a --json reader still gets one array.
+  bool allOk = keyFile.empty() || checkSignedRelease(server, keys, json ? std::cerr : std::cout);
+  bool anyPublished = false;
   for (const Row& r : rows) {
     anyPublished = anyPublished || r.published;
     allOk = allOk && r.ok;

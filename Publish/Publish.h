@@ -38,8 +38,10 @@ struct SignedFile {
 };
 // Writes release.json (the serial after the one in outDir, expiring days
 // from now) and its signature by the private key at keyPath.
-void signRelease(const std::string& outDir, const std::string& keyPath, int days,
-                 const std::vector<SignedFile>& files);
+void signRelease(const std::string& outDir, const std::string& keyPath, int days, const std::vector<SignedFile>& files);
+
+// The whole file; throws std::runtime_error naming it when it cannot be read.
+std::string readText(const std::string& path);
 
 // The usage text; --help or -h anywhere prints it on standard output.
 extern const char* const kUsage;

@@ -24,14 +24,6 @@ namespace {
 
 constexpr size_t kChunk = 1 << 20;
 
-std::string readText(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) throw std::runtime_error("cannot read " + path);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
 // Created for this key alone: never over an existing file, never readable by
 // others.
 void writeNew(const std::string& path, const std::string& text, mode_t mode) {
@@ -53,6 +45,14 @@ std::string fileSha256(const std::string& path) {
 }
 
 }  // namespace
+
+std::string readText(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) throw std::runtime_error("cannot read " + path);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
 
 int keygen(const std::vector<std::string>& args) {
   if (args.size() != 1) return usage("keygen needs the file to write the private key to");
@@ -84,7 +84,8 @@ void signRelease(const std::string& outDir, const std::string& keyPath, int days
   const std::string comment =
       "timestamp:" + std::to_string(now) + "\tfile:release.json\tserial:" + std::to_string(r.serial);
   const std::string signature = release::signFile(text, pem, comment);
-  for (const auto& [name, content] : {std::make_pair("release.json", text), std::make_pair("release.json.minisig", signature)}) {
+  for (const auto& [name, content] :
+       {std::make_pair("release.json", text), std::make_pair("release.json.minisig", signature)}) {
     std::ofstream out((fs::path(outDir) / name).string(), std::ios::binary | std::ios::trunc);
     if (!(out << content) || !out.flush()) throw std::runtime_error(std::string("cannot write ") + name);
   }
