@@ -25,6 +25,7 @@
 #include "KXException.h"
 #include "KXLog.h"
 #include "KXSys.h"
+#include "Manifest.h"
 #include "Updater.h"
 #include "utils.h"
 
@@ -175,11 +176,42 @@ void lock_file(const std::string& in) {
           "a written time reads back, blanks and later lines aside");
 }
 
+// A manifest, signed here by a key only this target knows; or, after a NUL,
+// a signature file of the input's own for it.
+void release_manifest(const std::string& in) {
+  static const std::string pem = release::generatePrivateKeyPem();
+  static std::vector<release::PublicKey> keys;
+  if (keys.empty()) require(release::parsePublicKeys(release::publicKeyFile(pem, "k"), keys).empty(), "own key");
+  const size_t nul = in.find('\0');
+  const std::string manifest = in.substr(0, nul);
+  if (nul != std::string::npos) {
+    require(!release::verifyRelease(manifest, in.substr(nul + 1), keys, 0, 0).ok,
+            "no signature but the key's own verifies");
+    return;
+  }
+  const release::Verified v = release::verifyRelease(manifest, release::signFile(manifest, pem, "c"), keys, 0, 0);
+  if (!v.ok) {
+    require(v.reason.rfind("manifest ", 0) == 0 || v.reason.rfind("release expired", 0) == 0,
+            "a signed manifest is refused only for what it says");
+    return;
+  }
+  for (const release::Entry& e : v.release.packages) {
+    require(!e.path.empty() && e.path[0] != '/' && e.sha256.size() == 64, "every entry is one file with its sum");
+    require(release::findEntry(v.release, e.path) == &e, "every path is listed once");
+  }
+  // What the publisher writes from a release reads back as that release.
+  const std::string again = release::writeManifest(v.release);
+  const release::Verified w = release::verifyRelease(again, release::signFile(again, pem, "c"), keys, 0, 0);
+  require(w.ok && w.release.serial == v.release.serial && w.release.expires == v.release.expires &&
+              w.release.packages.size() == v.release.packages.size(),
+          "a written manifest reads back");
+}
+
 using Target = void (*)(const std::string& input);
 
 const std::pair<const char*, Target> kTargets[] = {
     {"agent_setup_def", agent_setup_def}, {"attach_output", attach_output}, {"hex_url", hex_url},
-    {"number_parse", number_parse},       {"lock_file", lock_file},
+    {"number_parse", number_parse},       {"lock_file", lock_file},         {"release_manifest", release_manifest},
 };
 
 Target targetNamed(const std::string& name) {

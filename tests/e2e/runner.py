@@ -20,7 +20,8 @@ XCB = ("libxrender1 libxcb1 libxcb-render0 libxcb-render-util0 libxcb-shape0 lib
 # What each flow publishes, runs and asks for: "upto" is everything before the
 # decision to download, "update" a whole run with one download.
 REQUESTS = {"def": "GET:/agent_setup_def.json", "version": "GET:$D/version_long.txt", "md5": "GET:$D/$PKG.md5",
-            "head": "HEAD:$D/$PKG", "get": "GET:$D/$PKG", "headpkg": "HEAD:$D/setup.pkg"}
+            "head": "HEAD:$D/$PKG", "get": "GET:$D/$PKG", "headpkg": "HEAD:$D/setup.pkg", "release": "relj relsig",
+            "relj": "GET:/release.json", "relsig": "GET:/release.json.minisig"}
 FLOWS = {
     "linux": dict(D="/linux/amd64", pkg="setup.deb", versions=["$D"], requests=dict(REQUESTS, upto="def version",
                   update="upto md5 head get"), calls=dict(stop="systemctl stop kxagent", install="dpkg -i $T/setup.deb",
@@ -140,8 +141,8 @@ class Case:
         # mounted with discard costs more than the run itself.
         self.dir = tempfile.mkdtemp(prefix="kx-case-", dir="/dev/shm" if os.access("/dev/shm", os.W_OK) else None)
         os.chmod(self.dir, 0o755)
-        self.T, self.W, self.S = (self.path(d) for d in "TWS")
-        [os.mkdir(d, 0o755) for d in (self.T, self.W, self.S)]
+        self.T, self.W, self.S, self.E = (self.path(d) for d in ("T", "W", "S", "etc"))
+        [os.mkdir(d, 0o755) for d in (self.T, self.W, self.S, self.E)]
         [shutil.copy(os.path.join(HERE, "shim"), os.path.join(self.S, c)) for c in COMMANDS]
         self.bindir, self.failures, self.routes, self.decoys, self.env, self.configs = bindir, [], {}, {}, {}, []
         self.requests, self.unexpected, self.lock, self.stopping = [], [], threading.Lock(), threading.Event()
@@ -164,7 +165,8 @@ class Case:
         for k, v in (("$T", self.T), ("$W", self.W), ("$D", self.flow["D"]), ("$PKG", self.flow["pkg"]), ("$PID", self.path("pid")),
                      ("$NOW", str(FROZEN)), ("$UPDATE", self.program), ("$URLTEXT", url), ("$URLAUTH", url.replace("://", "://kx:secret@").encode().hex()),
                      ("$URLUP", url.encode().hex().upper()), ("$URLMAX", (url + "/" + "a" * (4094 - len(url))).encode().hex()),
-                     ("$URL", url.encode().hex()), ("$MIRROR", self.servers[-1].url), ("$REFUSEDTEXT", refused),
+                     ("$URL", url.encode().hex()), ("$C", self.dir),
+                     ("$OMD5", hashlib.md5(body_of("other", self)).hexdigest()), ("$MIRROR", self.servers[-1].url), ("$REFUSEDTEXT", refused),
                      ("$REFUSED", refused.encode().hex()), ("$UMD5", md5.upper()), ("$MD5", md5)):
             text = text.replace(k, v)
         return re.sub(r"\{([^{}*]+)\*(\d+)\}", lambda m: m.group(1) * int(m.group(2)), text)
@@ -225,8 +227,9 @@ class Case:
             env.update(LD_PRELOAD=os.environ["KX_FROZEN_CLOCK"], KX_FROZEN_MS=str(FROZEN), TZ="UTC",
                        ASAN_OPTIONS=os.environ.get("ASAN_OPTIONS", "") + ":verify_asan_link_order=0")
         env.update({k: self.subst(v) for k, v in self.env.items()})
-        # /etc/opt hidden behind a tmpfs of the run's own: no real configuration is read or written.
-        setup = ["mount -t tmpfs -o mode=0755 tmpfs /etc/opt"]
+        # /etc/opt hidden behind a directory of the case's own, which keeps what
+        # one run writes there for the next: no real configuration is read or written.
+        setup = [f"mount --bind {self.E} /etc/opt"]
         for i, (instance, content) in enumerate(self.configs):
             Path(self.path(f"cfg{i}")).write_bytes(content)
             d = "/etc/opt/kx/conf" + ("." + instance if instance else "")
@@ -271,9 +274,12 @@ class Case:
                              cwd=self.dir, env=dict(os.environ, TMPDIR=self.T), start_new_session=True)
         self.batch = [self.wait(p, 60)]
         if args[0] == "layout" and self.batch[0][0] == "0":
-            self.routes, self.opts["lenient"] = {}, True
-            for d, _, files in os.walk(self.path(args[1])):
-                [self.route("/" + os.path.relpath(os.path.join(d, f), self.path(args[1])), "@" + os.path.join(d, f)) for f in files]
+            self.routes, self.opts["lenient"], self.tree = {}, True, self.path(args[1])
+            self.serve_tree()
+
+    def serve_tree(self):
+        for d, _, files in os.walk(self.tree):
+            [self.route("/" + os.path.relpath(os.path.join(d, f), self.tree), "@" + os.path.join(d, f)) for f in files]
 
     @staticmethod
     def wait(p, timeout):
@@ -394,7 +400,7 @@ def statements(path, name):
 
 # One set-up statement; False for a statement that is not one.
 def setup(case, key, rest):
-    words = split(rest) if key in ("serve", "lock", "config", "chown", "chmod", "run", "argv", "publish", "plant") else []
+    words = split(rest) if key in ("serve", "lock", "config", "chown", "chmod", "run", "argv", "publish", "plant", "pin") else []
     if key == "flow":
         case.set_flow(rest)
     elif key == "package":
@@ -402,6 +408,12 @@ def setup(case, key, rest):
         case.set_flow(case.flow["name"])
     elif key == "serve":
         case.route(*words)
+    elif key == "sh":  # in the case's directory; a laid-out tree is then served as it now is
+        subprocess.run(["bash", "-ec", case.subst(rest)], cwd=case.dir, check=True, stdout=subprocess.DEVNULL)
+        getattr(case, "tree", None) and case.serve_tree()
+    elif key == "pin":  # a file of the case's directory as the agent's pinned keys
+        os.makedirs(case.path("etc/kx/conf"), exist_ok=True)
+        os.chmod(shutil.copy(case.path(words[0]), case.path("etc/kx/conf/update-keys")), int((words[1:] or ["644"])[0], 8))
     elif key == "env":
         case.env.update([rest.split("=", 1)])
     elif key == "shim":

@@ -1,0 +1,73 @@
+// The primitives under signed releases, by known answers; what a release
+// refuses is shown end to end in tests/e2e/release.cases.
+#include <gtest/gtest.h>
+
+#include "KXHash.h"
+#include "Manifest.h"
+
+namespace {
+
+std::string unhex(const std::string& hex) {
+  std::string out;
+  for (size_t i = 0; i + 1 < hex.size(); i += 2) out += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
+  return out;
+}
+
+const auto* bytes(const std::string& s) { return reinterpret_cast<const unsigned char*>(s.data()); }
+
+// RFC 8032, section 7.1: tests 1 to 3 (seed, public key, message, signature).
+TEST(Release, Ed25519MatchesRfc8032) {
+  const struct {
+    const char *seed, *pub, *msg, *sig;
+  } kVectors[] = {
+      {"9d61b19deffd5a60ba844af492ec2cc44449c5697b326919703bac031cae7f60",
+       "d75a980182b10ab7d54bfed3c964073a0ee172f3daa62325af021a68f707511a", "",
+       "e5564300c360ac729086e2cc806e828a84877f1eb8e5d974d873e065224901555fb8821590a33bacc61e39701cf9b46bd25bf5f0595bbe2"
+       "4655141438e7a100b"},
+      {"4ccd089b28ff96da9db6c346ec114e0f5b8a319f35aba624da8cf6ed4fb8a6fb",
+       "3d4017c3e843895a92b70aa74d1b7ebc9c982ccf2ec4968cc0cd55f12af4660c", "72",
+       "92a009a9f0d4cab8720e820b5f642540a2b27b5416503f8fb3762223ebdb69da085ac1e43e15996e458f3613d0f11d8c387b2eaeb4302ae"
+       "eb00d291612bb0c00"},
+      {"c5aa8df43f9f837bedb7442f31dcb7b166d38535076f094b85ce3a2e0b4458f7",
+       "fc51cd8e6218a1a38da47ed00230f0580816ed13ba3303ac5deb911548908025", "af82",
+       "6291d657deec24024827e69c3abe01a30ce548a284743a445e3680d7db5ac3ac18ff9b538d16f290ae67f760984dc6594a7c15e9716ed28"
+       "dc027beceea1ec40a"},
+  };
+  for (const auto& v : kVectors) {
+    const std::string seed = unhex(v.seed), pub = unhex(v.pub), msg = unhex(v.msg), sig = unhex(v.sig);
+    const auto made = release::ed25519Sign(bytes(seed), msg);
+    EXPECT_EQ(std::string(made.begin(), made.end()), sig) << v.seed;
+    EXPECT_TRUE(release::ed25519Verify(bytes(pub), msg, bytes(sig))) << v.seed;
+    std::string flipped = sig;
+    flipped[5] = static_cast<char>(flipped[5] ^ 1);
+    EXPECT_FALSE(release::ed25519Verify(bytes(pub), msg, bytes(flipped))) << v.seed;
+    EXPECT_FALSE(release::ed25519Verify(bytes(pub), msg + "x", bytes(sig))) << v.seed;
+  }
+}
+
+TEST(Release, DigestsAndTimesByKnownAnswers) {
+  EXPECT_EQ(release::sha256Hex("abc"), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
+  EXPECT_EQ(release::blake2b512Hex("abc"),
+            "ba80a53f981c4d0d6a2797b69f12f6e94c212f14685ac4b74b12bb6fdbffa2d1"
+            "7d87c5392aab792dc252d5de4533cc9518d38aa8dbf1925ab92386edd4009923");
+  KXHashSHA256 pieces;  // as a download feeds it, chunk by chunk
+  pieces.update("a", 1), pieces.update("bc", 2);
+  EXPECT_EQ(pieces.hex(), release::sha256Hex("abc"));
+
+  const struct {
+    const char* text;
+    int64_t seconds;  // -1: refused
+  } kTimes[] = {{"2026-01-01T00:00:00Z", 1767225600}, {"2026-02-28T23:59:59.250Z", 1772323199},
+                {"1970-01-01T00:00:00Z", 0},          {"2026-01-01T00:00:00+01:00", -1},
+                {"2026-13-01T00:00:00Z", -1},         {"2026-01-01 00:00:00Z", -1},
+                {"2026-01-01T24:00:00Z", -1},         {"2026-01-01T00:00:00", -1}};
+  for (const auto& t : kTimes) {
+    int64_t got = -1;
+    EXPECT_EQ(release::parseUtc(t.text, got), t.seconds >= 0) << t.text;
+    if (t.seconds < 0) continue;
+    EXPECT_EQ(got, t.seconds) << t.text;
+    EXPECT_EQ(release::utcText(t.seconds), std::string(t.text).substr(0, 19) + "Z");
+  }
+}
+
+}  // namespace
