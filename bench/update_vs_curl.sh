@@ -17,6 +17,9 @@
 #
 #   bench/update_vs_curl.sh [build-dir] [size-MiB] [rounds] [paced bytes/s]
 #   defaults:               build       1024       5        100000000
+# With KX_BENCH_SIGNED=1 the tree is laid out and signed by kx-publish and the
+# update runs with the key pinned (in a private /etc/opt), so that it also
+# fetches and verifies the release and computes the package's SHA-256.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -50,6 +53,17 @@ echo "preparing a ${size_mib} MiB package in $work"
 head -c $((size_mib << 20)) /dev/urandom >"$pkg_dir/setup.deb"
 (cd "$pkg_dir" && md5sum setup.deb >setup.deb.md5)
 printf '7.3.0.0\n' >"$pkg_dir/version_long.txt"
+pin=()
+if [[ ${KX_BENCH_SIGNED:-} == 1 ]]; then
+  mv "$pkg_dir/setup.deb" "$work/setup.deb"
+  rm -rf "$work/root"
+  "$build/bin/kx-publish" keygen "$work/key" >/dev/null
+  "$build/bin/kx-publish" layout "$work/root" --version 7.3.0.0 --sign "$work/key" "linux/$([[ $arch_dir == amd64 ]] && echo amd64 || echo arm64)=$work/setup.deb" >/dev/null
+  rm "$work/setup.deb"
+  conf=/etc/opt/kx/conf.bench-$$
+  # shellcheck disable=SC2016 # expanded by the inner shell
+  pin=(unshare -m sh -ec 'mount -t tmpfs -o mode=0755 tmpfs /etc/opt && mkdir -p "$1" && cp "$2" "$1/update-keys" && shift 2 && exec "$@"' pin "$conf" "$work/key.pub")
+fi
 # Stand-ins that only record, as cheap as a command can be: the tests' own
 # (tests/e2e/shim) also inspect how they were started, which costs more than
 # a real systemctl would.
@@ -67,8 +81,9 @@ run_update() {
   rm -f "$work/tmp/upgrade_ovk.lock" "$work/tmp/setup.deb" "$work/tmp/agent_upd.log"
   : >"$work/calls.log"
   env TMPDIR="$work/tmp" KX_AGENT_INSTANCE="bench-$$" PATH="$work/bin:$PATH" KX_SHIM_RECORD="$work/calls.log" KX_SHIM_DIR="$work/bin" \
-    /usr/bin/time -f "%e %U %S %M" -o "$work/time" "$update" "$hex_url" 7.2.0.1 >/dev/null
+    /usr/bin/time -f "%e %U %S %M" -o "$work/time" "${pin[@]}" "$update" "$hex_url" 7.2.0.1 >/dev/null
   grep -q "Agent Update done" "$work/tmp/agent_upd.log" || { echo "update: no update done" >&2; exit 1; }
+  ((${#pin[@]} == 0)) || grep -q "Release 1 signed by key" "$work/tmp/agent_upd.log" || { echo "update: not signed" >&2; exit 1; }
   grep -q "^dpkg -i $work/tmp/setup.deb$" "$work/calls.log" || { echo "update: nothing installed" >&2; exit 1; }
   awk '{printf "%s %.2f %s\n", $1, $2 + $3, $4}' "$work/time"
 }
@@ -81,7 +96,7 @@ run_curl() {
   /usr/bin/time -f "%e %U %S %M" -o "$work/time" \
     sh -c 'curl -s -o "$1/pkg" "$2" && { [ "$3" = nohash ] || md5sum "$1/pkg" >"$1/sum"; }' sh "$work/curl" \
     "$url/linux/$arch_dir/setup.deb" "${1:-}"
-  [[ ${1:-} == nohash ]] || [[ $(cut -d' ' -f1 "$work/curl/sum") == $(cut -d' ' -f1 "$pkg_dir/setup.deb.md5") ]] ||
+  [[ ${1:-} == nohash ]] || [[ $(cut -d' ' -f1 "$work/curl/sum") == $(head -1 "$pkg_dir/setup.deb.md5" | cut -d' ' -f1) ]] ||
     { echo "curl: hash differs" >&2; exit 1; }
   awk '{printf "%s %.2f %s\n", $1, $2 + $3, $4}' "$work/time"
 }

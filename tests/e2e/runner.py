@@ -12,6 +12,7 @@ PAGE = b"<html><head><title>Error</title></head>\n<body>Not here</body></html>\n
 COMMANDS = "hdiutil installer launchctl systemctl dpkg rpm apt-get dnf synopkg net arch".split()
 ATTACH = "/dev/disk4          \tGUID_partition_scheme          \t\n/dev/disk4s1        \tApple_HFS                      \t/Volumes/Kx Agent\n"
 PLIST = "/Library/LaunchDaemons/com.kxagent.plist"
+MACCONF = "/Library/Application Support/KX"
 FROZEN = 1767225600000  # what the wall clock reads under "frozen": 2026-01-01 00:00:00 UTC
 LOG_LINE = re.compile(r"\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\] - [A-Z]{4}:[A-Z]{3} - \[ \([^:]*:\d+\)\] - (.*)")
 XCB = ("libxrender1 libxcb1 libxcb-render0 libxcb-render-util0 libxcb-shape0 libxcb-randr0 libxcb-xfixes0 libxcb-xkb1 libxcb-sync1 "
@@ -243,7 +244,14 @@ class Case:
         # Copied where another user can reach it, whatever the mode of the checkout's directories.
         program = shutil.copy(self.program, self.path("update")) if "user" in o else self.program
         cmd = ['sh', '-c', 'echo $$ > "$0" && exec "$@"', self.path("pid"), *prefix, program, *[self.subst(a) for a in args]]
-        cmd = ["unshare", "-m", "--propagation", "private", "sh", "-ec", " && ".join(setup) + ' && exec "$@"', "-", *cmd]
+        root = []
+        if self.flow["name"] == "mac":  # macOS's configuration root, on a / of the run's own that has it
+            r, root = self.path("root"), ["chroot", self.path("root")]
+            os.makedirs(self.path("etc/kx"), exist_ok=True)
+            setup.append(f"mkdir {r} && mount -t tmpfs -o mode=0755 tmpfs {r} && for e in /*; do if [ -L $e ]; then cp -P $e {r}; "
+                         f"elif [ -d $e ]; then mkdir {r}$e && mount --rbind $e {r}$e; fi; done && mkdir -p '{r}{MACCONF}' && "
+                         f"mount --bind {self.path('etc/kx')} '{r}{MACCONF}'")
+        cmd = ["unshare", "-m", "--propagation", "private", "sh", "-ec", " && ".join(setup) + ' && exec "$@"', "-", *root, *cmd]
         umask, fsize = int(o.get("umask", "022"), 8), int(o.get("fsize", 64 << 20))
 
         def child():
