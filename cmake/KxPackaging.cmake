@@ -1,7 +1,8 @@
 # Packaging of the update program: `cmake --install <build>` installs it, and
 # `cpack -G DEB` in a build directory of the linux target makes a Debian
-# package of it. Only the program is installed (sbin/update); tests, test
-# servers and benchmarks stay in the build tree.
+# package of it. Only the programs and their manuals are installed, plus the
+# base library for other projects; tests, test servers and benchmarks stay in
+# the build tree.
 
 set(CPACK_PACKAGE_NAME "kx-updater")
 set(CPACK_PACKAGE_VERSION "${PROJECT_VERSION}")
@@ -9,6 +10,20 @@ set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Command-line updater of the kx backup age
 set(CPACK_PACKAGE_DESCRIPTION
     "Checks an update server for a newer agent, downloads and verifies the setup package, and reinstalls the agent service.")
 set(CPACK_STRIP_FILES ON)
+
+# One Debian package per install component: kx-updater for the machines that
+# run the programs, kx-base-dev for building other projects against the base
+# library, so that the first carries no headers or static library.
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_DEBIAN_UPDATER_PACKAGE_NAME "kx-updater")
+set(CPACK_DEBIAN_DEV_PACKAGE_NAME "kx-base-dev")
+set(CPACK_DEBIAN_DEV_PACKAGE_SECTION "libdevel")
+# CPack puts the one summary above every component's description.
+set(CPACK_COMPONENT_UPDATER_DESCRIPTION "${CPACK_PACKAGE_DESCRIPTION}")
+set(CPACK_COMPONENT_DEV_DESCRIPTION
+    "The updater's base library (logger, OS layer, hashing) as a static library with its headers and a CMake package, for building other programs against it: find_package(kxbase), target kx::base.")
+# Its CMake package looks for OpenSSL's crypto library, which it links.
+set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libssl-dev")
 
 # Next to the agent's configuration root (/etc/opt/kx): a package in /opt
 # owns nothing that a distribution package could also ship, such as a

@@ -3,6 +3,9 @@
 add_library(kx_settings INTERFACE)
 add_library(kx::settings ALIAS kx_settings)
 target_compile_features(kx_settings INTERFACE cxx_std_17)
+# Every source of the project must name itself in log lines through
+# kx_log_file_names(); only outside users of the library get a default.
+target_compile_definitions(kx_settings INTERFACE KX_LOG_FILE_REQUIRED)
 
 if(CMAKE_CXX_COMPILER_ID MATCHES "GNU|Clang")
   target_compile_options(kx_settings INTERFACE -Wall -Wextra)

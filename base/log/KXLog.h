@@ -207,11 +207,22 @@ class KXLog {
 };
 
 // Log lines name their source by its path from the repository root, set per
-// file by the build (kx_log_file_names). Falling back to __FILE__ would leak
-// the build machine's paths into every log, so a file without it does not
-// compile.
+// file by the build (kx_log_file_names). Inside this tree a file without it
+// does not compile, since a wrong name in the logs would go unnoticed. A
+// program built against the installed library gets the file's base name:
+// all of __FILE__ would leak the build machine's paths into every log.
 #ifndef KX_LOG_FILE
+#ifdef KX_LOG_FILE_REQUIRED
 #error "KX_LOG_FILE is not set for this source: add its target to kx_log_file_names()"
+#endif
+constexpr const char* kxLogBaseName(const char* path) {
+  const char* base = path;
+  for (const char* p = path; *p != '\0'; ++p) {
+    if (*p == '/' || *p == '\\') base = p + 1;
+  }
+  return base;
+}
+#define KX_LOG_FILE kxLogBaseName(__FILE__)
 #endif
 
 // The one logging statement: KXLOG(KXLM_ROOT, KXLL_ERR, "text [" << code << "]").
