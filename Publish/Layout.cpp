@@ -195,6 +195,7 @@ int layout(const std::vector<std::string>& args) {
   }
   if (!signKey.empty()) {
     std::vector<SignedFile> files;
+    files.reserve(packages.size());
     for (const Package& pkg : packages) files.push_back({pkg.dir.substr(1) + "/" + pkg.name, version, pkg.source});
     signRelease(outDir, signKey, expiresDays, files);
   }

@@ -245,8 +245,8 @@ Verified verifyRelease(const std::string& manifest, const std::string& signature
 }
 
 const Entry* findEntry(const Release& release, const std::string& path) {
-  const auto it = std::find_if(release.packages.begin(), release.packages.end(),
-                               [&](const Entry& e) { return e.path == path; });
+  const auto it =
+      std::find_if(release.packages.begin(), release.packages.end(), [&](const Entry& e) { return e.path == path; });
   return it == release.packages.end() ? nullptr : &*it;
 }
 
@@ -261,8 +261,10 @@ std::string utcText(int64_t seconds) {
 bool parseUtc(const std::string& text, int64_t& seconds) {
   std::tm tm{};
   int used = 0;
-  if (text.size() > 40 || std::sscanf(text.c_str(), "%4d-%2d-%2dT%2d:%2d:%2d%n", &tm.tm_year, &tm.tm_mon, &tm.tm_mday,
-                                      &tm.tm_hour, &tm.tm_min, &tm.tm_sec, &used) != 6 || used != 19) {
+  if (text.size() > 40 ||
+      std::sscanf(text.c_str(), "%4d-%2d-%2dT%2d:%2d:%2d%n", &tm.tm_year, &tm.tm_mon, &tm.tm_mday, &tm.tm_hour,
+                  &tm.tm_min, &tm.tm_sec, &used) != 6 ||
+      used != 19) {
     return false;
   }
   std::string tail = text.substr(19);

@@ -35,4 +35,6 @@ std::string RunRecord::json() const {
   return j.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
 }
 
-std::string RunRecord::write(const std::string& dir) const { return utils::replaceFile(dir + "/" + kRecordName, json()); }
+std::string RunRecord::write(const std::string& dir) const {
+  return utils::replaceFile(dir + "/" + kRecordName, json());
+}

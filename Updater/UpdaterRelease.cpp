@@ -31,7 +31,7 @@ Outcome refused(const std::string& input, const std::string& reason) {
 // "": it must be a regular file of root's (or ours) that nobody else can
 // write, in a directory nobody else can change.
 std::string guardProblem(const std::string& dir, const struct stat& st) {
-  if (const std::string problem = utils::directoryProblem(dir); !problem.empty()) return problem;
+  if (std::string problem = utils::directoryProblem(dir); !problem.empty()) return problem;
   if (!S_ISREG(st.st_mode)) return "it is not a regular file";
   if (st.st_uid != 0 && st.st_uid != geteuid()) return "it belongs to another user";
   if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0) return "others can write to it";
@@ -78,8 +78,8 @@ Outcome Updater::loadPinnedKeys() {
 }
 
 std::string Updater::packagePath(const utils::SetuParameter& p) const {
-  std::string path = p.setupUrl.compare(0, serverUrl.size(), serverUrl) == 0 ? p.setupUrl.substr(serverUrl.size())
-                                                                              : p.setupUrl;
+  std::string path =
+      p.setupUrl.compare(0, serverUrl.size(), serverUrl) == 0 ? p.setupUrl.substr(serverUrl.size()) : p.setupUrl;
   path.erase(0, path.find_first_not_of('/'));
   return utils::urlDecoded(path);
 }
@@ -111,8 +111,8 @@ Outcome Updater::checkRelease(const utils::SetuParameter& p, const Version& avai
       return refused(serialPath, "it holds no serial");
     }
   }
-  signedRelease = release::verifyRelease(manifest, signature, pinnedKeys, static_cast<int64_t>(std::time(nullptr)),
-                                         lastSerial);
+  signedRelease =
+      release::verifyRelease(manifest, signature, pinnedKeys, static_cast<int64_t>(std::time(nullptr)), lastSerial);
   if (!signedRelease.ok) return refused(url, signedRelease.reason);
   const std::string path = packagePath(p);
   signedEntry = release::findEntry(signedRelease.release, path);
