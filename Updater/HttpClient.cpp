@@ -177,12 +177,16 @@ int xferInfoAdapter(void* clientp, curl_off_t dltotal, curl_off_t dlnow, curl_of
 struct TextTarget {
   std::string* body;
   size_t max;
+  bool over = false;  // the body went past max: the request was cut
 };
 
 size_t appendText(void* data, size_t size, size_t nmemb, void* userp) {
   auto& target = *static_cast<TextTarget*>(userp);
   const size_t n = size * nmemb;
-  if (target.body->size() + n > target.max) return 0;
+  if (target.body->size() + n > target.max) {
+    target.over = true;
+    return 0;
+  }
   target.body->append(static_cast<const char*>(data), n);
   return n;
 }
@@ -303,7 +307,9 @@ int HttpClient::get(const std::string& url, std::string& body, std::map<std::str
   curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, &HttpClient::readHeadersCb);
   curl_easy_setopt(handle, CURLOPT_HEADERDATA, &headers);
   curl_easy_setopt(handle, CURLOPT_TIMEOUT, textSeconds);
-  return finish(curl_easy_perform(handle), url, kGetStatusFailure, nullptr);
+  const int rc = finish(curl_easy_perform(handle), url, kGetStatusFailure, nullptr);
+  if (target.over) last.error = "the body is larger than " + std::to_string(maxBody) + " bytes";
+  return rc;
 }
 
 int HttpClient::head(const std::string& url, std::map<std::string, std::string>& headers) {

@@ -89,11 +89,14 @@ Outcome Updater::checkRelease(const utils::SetuParameter& p, const Version& avai
   std::map<std::string, std::string> headers;
   std::string manifest;
   std::string signature;
-  if (httpClient.get(url, manifest, headers, release::kMaxManifest) != 0) {
-    return refused(url, "it cannot be fetched");
-  }
+  // Why the latest request brought no body: the status, or what went wrong.
+  const auto unfetched = [this] {
+    const HttpClient::Result& r = httpClient.lastResult();
+    return "it cannot be fetched (" + (r.code > 0 ? std::to_string(r.code) : r.error) + ")";
+  };
+  if (httpClient.get(url, manifest, headers, release::kMaxManifest) != 0) return refused(url, unfetched());
   if (httpClient.get(url + ".minisig", signature, headers, release::kMaxSignature) != 0) {
-    return refused(url + ".minisig", "it cannot be fetched");
+    return refused(url + ".minisig", unfetched());
   }
   // The last serial accepted: none yet is 0. A file that is there but not
   // root's alone, or not a number, could be an attempt to go back.
