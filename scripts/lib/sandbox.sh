@@ -59,3 +59,73 @@ kx_stop_server() {
     KX_SERVER_PID=
   fi
 }
+
+# Serves a directory as static files with nginx on 127.0.0.1, as a publisher
+# would, but unprivileged: the master runs as nobody/nogroup (the directory
+# must be readable by them), from a configuration of its own in <state dir>
+# (made and given to nobody), which also holds its pid file, logs and
+# temporary directories; nothing of the machine's nginx set-up is read. It
+# stops with the calling shell. One line a request in <state dir>/access.log:
+# method, URI, status, bytes sent, "user agent". Sets KX_NGINX_PID and
+# KX_NGINX_PORT; status 1 when it did not start (why is in error.log there).
+#   kx_start_nginx <directory> <state dir> [<connections per worker>]
+kx_start_nginx() {
+  local root=$1 dir=$2 conns=${3:-256} _
+  mkdir -p "$dir"
+  chown nobody:nogroup "$dir"
+  for _ in 1 2 3 4 5 6 7 8; do
+    # Below the ephemeral range, where outgoing connections take theirs.
+    KX_NGINX_PORT=$((20000 + RANDOM % 12000))
+    cat >"$dir/nginx.conf" <<EOF
+daemon off;
+pid nginx.pid;
+worker_processes auto;
+worker_rlimit_nofile $((2 * conns + 64));
+events { worker_connections $conns; }
+http {
+  types { application/json json; text/plain txt md5; }
+  default_type application/octet-stream;
+  sendfile on;
+  log_format kx '\$request_method \$request_uri \$status \$bytes_sent "\$http_user_agent"';
+  access_log access.log kx;
+  client_body_temp_path body; proxy_temp_path proxy; fastcgi_temp_path fastcgi; uwsgi_temp_path uwsgi; scgi_temp_path scgi;
+  server {
+    listen 127.0.0.1:$KX_NGINX_PORT backlog=4096;
+    root "$root";
+    location / { try_files \$uri =404; }
+  }
+}
+EOF
+    rm -f "$dir/nginx.pid"
+    setpriv --reuid=nobody --regid=nogroup --clear-groups --pdeathsig=TERM \
+      nginx -p "$dir/" -c nginx.conf -e error.log </dev/null &
+    KX_NGINX_PID=$!
+    # nginx writes its pid file once its socket listens.
+    while [[ ! -s $dir/nginx.pid ]] && kill -0 "$KX_NGINX_PID" 2>/dev/null; do sleep 0.02; done
+    kill -0 "$KX_NGINX_PID" 2>/dev/null && return 0
+    wait "$KX_NGINX_PID" 2>/dev/null || true
+    KX_NGINX_PID=
+    grep -q 'Address already in use' "$dir/error.log" || return 1
+  done
+  return 1
+}
+
+# Stops the nginx of kx_start_nginx and waits for it, so that its access log
+# is complete; safe to call twice.
+kx_stop_nginx() {
+  if [[ -n ${KX_NGINX_PID:-} ]]; then
+    kill "$KX_NGINX_PID" 2>/dev/null || true
+    wait "$KX_NGINX_PID" 2>/dev/null || true
+    KX_NGINX_PID=
+  fi
+}
+
+# Runs a command in a mount namespace of its own whose /etc/opt is an empty
+# tmpfs (mode 0755): the agent's configuration the program reads and writes
+# there is the command's alone, and the machine's /etc stays as it was.
+#   kx_private_etc_opt <command> [<argument>...]
+kx_private_etc_opt() {
+  [[ -d /etc/opt ]] || { echo "no /etc/opt to hide behind a tmpfs" >&2; return 1; }
+  # shellcheck disable=SC2016 # expanded by the inner shell
+  unshare -m --propagation private sh -ec 'mount -t tmpfs -o mode=0755 tmpfs /etc/opt && exec "$@"' - "$@"
+}

@@ -13,6 +13,11 @@ COMMANDS = "hdiutil installer launchctl systemctl dpkg rpm apt-get dnf synopkg n
 ATTACH = "/dev/disk4          \tGUID_partition_scheme          \t\n/dev/disk4s1        \tApple_HFS                      \t/Volumes/Kx Agent\n"
 PLIST = "/Library/LaunchDaemons/com.kxagent.plist"
 MACCONF = "/Library/Application Support/KX"
+# A laid-out tree as a publisher serves it, static files only; each request a line of access.log.
+NGINX_CONF = """pid nginx.pid; worker_processes 1; events {{}} http {{ types {{ application/json json; }} default_type text/plain;
+  log_format kx '$request_method $request_uri $status $http_user_agent'; access_log access.log kx; client_body_temp_path body;
+  proxy_temp_path proxy; fastcgi_temp_path fastcgi; uwsgi_temp_path uwsgi; scgi_temp_path scgi; server {{ listen 127.0.0.1:{port};
+  root "{root}"; location / {{ try_files $uri =404; }} }} }}"""
 FROZEN = 1767225600000  # what the wall clock reads under "frozen": 2026-01-01 00:00:00 UTC
 LOG_LINE = re.compile(r"\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\] - [A-Z]{4}:[A-Z]{3} - \[ \([^:]*:\d+\)\] - (.*)")
 XCB = ("libxrender1 libxcb1 libxcb-render0 libxcb-render-util0 libxcb-shape0 libxcb-randr0 libxcb-xfixes0 libxcb-xkb1 libxcb-sync1 "
@@ -147,6 +152,7 @@ class Case:
         [shutil.copy(os.path.join(HERE, "shim"), os.path.join(self.S, c)) for c in COMMANDS]
         self.bindir, self.failures, self.routes, self.decoys, self.env, self.configs = bindir, [], {}, {}, {}, []
         self.requests, self.unexpected, self.lock, self.stopping = [], [], threading.Lock(), threading.Event()
+        self.tree, self.nginx, self.gone, self.listener = None, None, set(), socket.create_server(("127.0.0.1", 0))
         self.opts, self.batch, self.log_at, self.package = {}, [], 0, random.Random(7).randbytes(100000)
         self.calls_log = self.path("calls.log")
         Path(self.calls_log).touch()
@@ -161,7 +167,8 @@ class Case:
         return self.subst(name) if name.startswith("$") else os.path.join(self.T, name)
 
     def subst(self, text):
-        url, md5 = self.servers[0].url, hashlib.md5(self.package).hexdigest()
+        url = f"http://127.0.0.1:{self.listener.getsockname()[1]}" if self.tree else self.servers[0].url
+        md5 = hashlib.md5(self.package).hexdigest()
         refused = f"http://127.0.0.1:{self.refused.getsockname()[1]}"
         for k, v in (("$T", self.T), ("$W", self.W), ("$D", self.flow["D"]), ("$PKG", self.flow["pkg"]), ("$PID", self.path("pid")),
                      ("$NOW", str(FROZEN)), ("$UPDATE", self.program), ("$URLTEXT", url), ("$URLAUTH", url.replace("://", "://kx:secret@").encode().hex()),
@@ -182,9 +189,41 @@ class Case:
             Path(self.S, "hdiutil.out").write_text(ATTACH)
 
     def route(self, path, *answers):
-        for p in {"def": ["/agent_setup_def.json"], "version": [d + "/version_long.txt" for d in self.flow["versions"]],
-                  "pkg": ["$D/$PKG"], "md5": ["$D/$PKG.md5"]}.get(path, [path]):
-            self.routes[self.subst(p)] = [Answer(self.subst(a), self) for a in answers]
+        paths = [self.subst(p) for p in {"def": ["/agent_setup_def.json"], "version": [d + "/version_long.txt" for d in self.flow[
+            "versions"]], "pkg": ["$D/$PKG"], "md5": ["$D/$PKG.md5"]}.get(path, [path])]
+        a = Answer(self.subst(answers[0]), self)
+        if self.tree and len(answers) == 1 and not path.endswith("*") and a.fault is a.location is None and a.status in (200, 404):
+            for p in paths:  # nginx serves the tree: the answer becomes the file, a 404 its absence
+                f, _ = Path(self.tree, p.lstrip("/")), a.status == 404 and self.gone.add(p)
+                f.unlink(missing_ok=True) if a.status == 404 else (f.parent.mkdir(parents=True, exist_ok=True), f.write_bytes(a.body))
+            return
+        if self.tree:  # an answer nginx cannot give: the fault server serves the tree as it is now, for the rest of the case
+            tree, self.tree = self.tree, self.stop_nginx()
+            [self.route("/" + os.path.relpath(os.path.join(d, f), tree), "@" + os.path.join(d, f)) for d, _, fs in os.walk(tree) for f in fs]
+        for p in paths:
+            self.routes[p] = [Answer(self.subst(a), self) for a in answers]
+
+    # nginx as nobody, configured in the case's directory, on a socket the runner holds (handed over as nginx hands its own to a
+    # new binary): ready at once, one address across restarts; a stop is what completes its access log.
+    def serve_tree(self, root):
+        self.stop_nginx()
+        d, self.tree, fd = self.path("nginx"), root, self.listener.fileno()
+        os.makedirs(d, exist_ok=True), shutil.chown(d, "nobody", "nogroup")
+        Path(d, "nginx.conf").write_text(NGINX_CONF.format(port=self.listener.getsockname()[1], root=root))
+        self.nginx = subprocess.Popen(["setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups", "--pdeathsig=TERM", "nginx", "-p",
+                                       d + "/", "-c", "nginx.conf", "-e", "error.log"], env={"NGINX": f"{fd};", "PATH": "/usr/sbin:/usr/bin"},
+                                      pass_fds=(fd, ), stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+
+    def stop_nginx(self):
+        if self.nginx:
+            self.nginx.poll() is None or self.failures.append("nginx ended: " + Path(self.path("nginx", "error.log")).read_text()[-2000:])
+            self.nginx, _ = None, self.nginx.terminate() or self.nginx.wait()
+        log = Path(self.path("nginx", "access.log"))
+        for method, uri, status, agent in (line.split(" ", 3) for line in (log.read_text("latin-1").splitlines() if log.exists() else [])):
+            self.requests.append(f"{method} {uri}")
+            agent == "Updater/1.0.0" or self.failures.append(f"{method} {uri} came as {agent!r}")
+            status != "404" or unquote(urlsplit(uri).path) in self.gone or self.unexpected.append(f"{method} {uri}")
+        log.unlink(missing_ok=True)
 
     def answer_for(self, method, path):
         with self.lock:
@@ -282,12 +321,8 @@ class Case:
                              cwd=self.dir, env=dict(os.environ, TMPDIR=self.T), start_new_session=True)
         self.batch = [self.wait(p, 60)]
         if args[0] == "layout" and self.batch[0][0] == "0":
-            self.routes, self.opts["lenient"], self.tree = {}, True, self.path(args[1])
-            self.serve_tree()
-
-    def serve_tree(self):
-        for d, _, files in os.walk(self.tree):
-            [self.route("/" + os.path.relpath(os.path.join(d, f), self.tree), "@" + os.path.join(d, f)) for f in files]
+            self.routes, self.opts["lenient"] = {}, True
+            self.serve_tree(self.path(args[1]))
 
     @staticmethod
     def wait(p, timeout):
@@ -360,6 +395,7 @@ class Case:
             if not any(r.endswith(verdict) for r in rows):
                 self.compare(f"row of {platform}", [verdict], rows)
         elif key in ("calls", "requests"):
+            key == "requests" and self.tree and self.serve_tree(self.tree)
             table, sep = (self.flow["calls"], "") if key == "calls" else (self.flow["requests"], ":")
             self.compare(key, [] if words == ["none"] else self.expand(words, table, sep), self.calls() if key == "calls" else self.requests)
         elif key == "file":
@@ -377,6 +413,7 @@ class Case:
             raise SystemExit(f"unknown line: {key} {rest}")
 
     def invariants(self):
+        self.stop_nginx()
         calls = self.calls()
         for i, c in enumerate(calls):
             if c.split()[:2] in (["systemctl", "stop"], ["launchctl", "unload"]) and not any(
@@ -416,9 +453,8 @@ def setup(case, key, rest):
         case.set_flow(case.flow["name"])
     elif key == "serve":
         case.route(*words)
-    elif key == "sh":  # in the case's directory; a laid-out tree is then served as it now is
+    elif key == "sh":  # in the case's directory
         subprocess.run(["bash", "-ec", case.subst(rest)], cwd=case.dir, check=True, stdout=subprocess.DEVNULL)
-        getattr(case, "tree", None) and case.serve_tree()
     elif key == "pin":  # a file of the case's directory as the agent's pinned keys
         os.makedirs(case.path("etc/kx/conf"), exist_ok=True)
         os.chmod(shutil.copy(case.path(words[0]), case.path("etc/kx/conf/update-keys")), int((words[1:] or ["644"])[0], 8))
@@ -475,6 +511,7 @@ def main():
         return 1 if case.failures else 0
     finally:  # also after an error of the runner itself: nothing stays behind
         case.stopping.set()
+        case.stop_nginx()
         for s in case.servers:
             s.shutdown()
         os.environ.get("KX_KEEP") or shutil.rmtree(case.dir, ignore_errors=True)
