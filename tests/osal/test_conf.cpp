@@ -10,6 +10,7 @@
 
 #include "TestSupport.h"
 #include "osal_conf.h"
+#include "osal_file.h"
 
 using namespace std::string_literals;
 
@@ -125,4 +126,17 @@ TEST(ConfStore, TemporaryValueOnlyInADirectoryOfOurOwn) {
   ASSERT_EQ(symlink(dir.file("victim").c_str(), path.c_str()), 0);
   ASSERT_EQ(osal_setconfstrtmpIn(tmpDir.c_str(), "x", std::string(200, 'v').c_str()), 0);
   EXPECT_EQ(readFile(dir.file("victim")) + readFile(path), "precious" + std::string(path.size(), 'v'));
+}
+
+// Parents made on the way only when asked for; "created" says whether the
+// last directory is new.
+TEST(ConfStore, DirectoriesWithAndWithoutParents) {
+  TempDir dir;
+  const std::string deep = dir.file("a/b/c");
+  bool created = false;
+  EXPECT_EQ(osal_mkdir(deep.c_str(), &created, false), -1);
+  EXPECT_EQ(osal_mkdir(deep.c_str(), &created, true), 0);
+  EXPECT_TRUE(created && boost::filesystem::is_directory(deep));
+  EXPECT_EQ(osal_mkdir(deep.c_str(), &created, true), 0);
+  EXPECT_FALSE(created);
 }
