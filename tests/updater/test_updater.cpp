@@ -157,6 +157,13 @@ TEST(Utils, ConversionsTheProgramOnlyMeetsWithTheHostsValues) {
   EXPECT_EQ(utils::getContentLength({{"content-length", "12"}, {"Content-Length", "5"}}, size), 0);
   EXPECT_EQ(size, 12u);
   EXPECT_EQ(utils::getContentLength({{"CONTENT-LENGTH", "5"}}, size), -1);
+  // Credentials are masked up to the last '@' before the path, even right next to it.
+  for (const char* url : {"http://kx:pw@host/d@x", "http://kx:pw@/d", "https://a@b@h?q@"}) {
+    const std::string shown = utils::logUrl(url);
+    EXPECT_TRUE(shown.find("kx") == std::string::npos && shown.find("a@") == std::string::npos &&
+                shown.find("***@") != std::string::npos)
+        << url << " -> " << shown;
+  }
 }
 
 // Not used by the update run; kept for the agent's other tools.
