@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <fstream>
 
 #include "osal_sysinfo.h"
 #include "osalnet.h"
@@ -65,6 +66,11 @@ TEST(SysInfo, MachineKindEnvironmentMemoryAndLocalHosts) {
   for (size_t i = 0; i < block.size(); i += 4096) page[i] = 'x';
   ASSERT_EQ(osal_getRAMInfos(priv2, resident2, physical), 0);
   EXPECT_TRUE(priv2 >= priv + 48 && resident2 >= resident + 48 && physical >= resident2) << priv << " " << priv2;
+  std::ifstream meminfo("/proc/meminfo");  // Linux: the machine's whole memory, to the MiB
+  unsigned long long totalKiB = 0;
+  if (meminfo.ignore(9) >> totalKiB) {
+    EXPECT_EQ(physical, totalKiB >> 10);
+  }
 
   // Loopback names, and this machine's name or its first label, in any case.
   std::string local, first(self, strcspn(self, "."));
