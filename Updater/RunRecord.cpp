@@ -1,21 +1,16 @@
 #include "RunRecord.h"
 
-#include <ctime>
 #include <nlohmann/json.hpp>
 
+#include "Manifest.h"
 #include "utils.h"
 
 namespace {
 
 const char* const kRecordName = "last-run.json";
 
-std::string utcTime(long long ms) {
-  const std::time_t seconds = static_cast<std::time_t>(ms / 1000);
-  std::tm tm{};
-  char text[32] = {};
-  if (gmtime_r(&seconds, &tm) != nullptr) std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &tm);
-  return text;
-}
+// The record's times in the form a release's expiry takes.
+std::string utcTime(long long ms) { return release::utcText(ms / 1000); }
 
 }  // namespace
 
