@@ -196,7 +196,11 @@ int layout(const std::vector<std::string>& args) {
   if (!signKey.empty()) {
     std::vector<SignedFile> files;
     files.reserve(packages.size());
-    for (const Package& pkg : packages) files.push_back({pkg.dir.substr(1) + "/" + pkg.name, version, pkg.source});
+    for (const Package& pkg : packages) {
+      files.push_back({pkg.dir.substr(1) + "/" + pkg.name, version, pkg.source, utils::agentOSWord(pkg.platform.os),
+                       utils::agentArchToString(pkg.platform.arch),
+                       utils::agentDistribToString(static_cast<utils::AgentDistrib>(pkg.distrib))});
+    }
     signRelease(outDir, signKey, expiresDays, files);
   }
   return 0;

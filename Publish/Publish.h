@@ -35,6 +35,7 @@ struct SignedFile {
   std::string path;  // under the server's address, no leading "/"
   std::string version;
   std::string source;  // the file, for its size and SHA-256
+  std::string os, arch, kind;  // the platform it is for: "linux", "amd64", "deb"
 };
 // Writes release.json (the serial after the one in outDir, expiring days
 // from now) and its signature by the private key at keyPath.

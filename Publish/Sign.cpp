@@ -78,7 +78,7 @@ void signRelease(const std::string& outDir, const std::string& keyPath, int days
   const int64_t now = static_cast<int64_t>(std::time(nullptr));
   r.expires = now + int64_t{days} * 86400;
   for (const SignedFile& f : files) {
-    r.packages.push_back({f.path, f.version, fs::file_size(f.source), fileSha256(f.source)});
+    r.packages.push_back({f.path, f.version, fs::file_size(f.source), fileSha256(f.source), f.os, f.arch, f.kind});
   }
   const std::string text = release::writeManifest(r);
   const std::string comment =

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -205,6 +206,21 @@ std::string trimmed(const std::string& text) {
   return text.substr(begin, end - begin);
 }
 
+// scheme://host:port of a URL, lower case, without credentials; "" for one
+// libcurl cannot read.
+std::string origin(const std::string& url) {
+  const std::unique_ptr<CURLU, void (*)(CURLU*)> u(curl_url(), curl_url_cleanup);
+  if (!u || curl_url_set(u.get(), CURLUPART_URL, url.c_str(), CURLU_NON_SUPPORT_SCHEME) != CURLUE_OK) return "";
+  std::string out;
+  for (const CURLUPart part : {CURLUPART_SCHEME, CURLUPART_HOST, CURLUPART_PORT}) {
+    char* text = nullptr;
+    if (curl_url_get(u.get(), part, &text, CURLU_DEFAULT_PORT) == CURLUE_OK) out += std::string(text) + "|";
+    curl_free(text);
+  }
+  std::transform(out.begin(), out.end(), out.begin(), [](unsigned char c) { return std::tolower(c); });
+  return out;
+}
+
 // A time from the environment that may only lower its default.
 long lowered(const char* name, long fallback) {
   const char* text = std::getenv(name);
@@ -222,6 +238,15 @@ HttpClient::HttpClient() : handle(nullptr), initialised(false) {}
 int HttpClient::finish(int code, const std::string& url, const char* statusFailure, FILE* file) {
   const auto rc = static_cast<CURLcode>(code);
   last = Result{-1, std::string()};
+  // Followed on purpose (mirrors, CDNs), but a server that sends root's
+  // requests to another host, an internal service say, is worth a line.
+  char* effective = nullptr;
+  const std::string asked = origin(config + url);
+  if (curl_easy_getinfo(handle, CURLINFO_EFFECTIVE_URL, &effective) == CURLE_OK && effective != nullptr &&
+      !asked.empty() && origin(effective) != asked) {
+    KXLOG(KXLM_ROOT, KXLL_NFY,
+          "Request " << utils::logUrl(url) << " was redirected to another host: " << utils::logUrl(effective));
+  }
   if (rc != CURLE_OK) {
     last.error = curl_easy_strerror(rc);
     KXLOG(KXLM_ROOT, KXLL_ERR,

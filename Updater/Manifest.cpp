@@ -111,6 +111,11 @@ bool isPackagePath(const std::string& path) {
   return std::none_of(path.begin(), path.end(), [](char c) { return static_cast<unsigned char>(c) < 0x20; });
 }
 
+// An entry's platform, by the names the manifest gives its parts.
+std::array<std::pair<const char*, std::string*>, 3> platformFields(Entry& e) {
+  return {{{"os", &e.os}, {"arch", &e.arch}, {"kind", &e.kind}}};
+}
+
 Verified refuse(std::string reason) {
   Verified v;
   v.reason = std::move(reason);
@@ -133,6 +138,9 @@ std::string readManifest(const std::string& text, Release& out) {
       e.sha256 = p.at("sha256").get<std::string>();
       if (!p.at("size").is_number_unsigned()) return "size of " + utils::logText(e.path) + " is not a whole number";
       e.size = p.at("size").get<uint64_t>();
+      for (const auto& [key, field] : platformFields(e)) {
+        if (p.contains(key)) *field = p.at(key).get<std::string>();
+      }
       if (!isPackagePath(e.path)) return "package path " + utils::logText(e.path) + " is not one file under the server";
       if (!isLowerHex(e.sha256, 64)) return "sha256 of " + utils::logText(e.path) + " is not 64 lower-case hex digits";
       if (findEntry(out, e.path) != nullptr) return "package path " + utils::logText(e.path) + " is listed twice";
@@ -214,17 +222,22 @@ Verified verifyRelease(const std::string& manifest, const std::string& signature
   if (algorithm != "Ed" && algorithm != "ED") return refuse("unknown signature algorithm " + utils::logText(algorithm));
   std::array<unsigned char, 8> id{};
   std::copy_n(sig.begin() + 2, kIdSize, id.begin());
-  const auto key = std::find_if(keys.begin(), keys.end(), [&](const PublicKey& k) { return k.id == id; });
-  if (key == keys.end()) return refuse("signature by unknown key " + keyIdText(id));
+  if (std::none_of(keys.begin(), keys.end(), [&](const PublicKey& k) { return k.id == id; })) {
+    return refuse("signature by unknown key " + keyIdText(id));
+  }
   const std::string signedBytes = sig.substr(2 + kIdSize);
   const auto* raw = reinterpret_cast<const unsigned char*>(signedBytes.data());
+  std::string message;
   try {
-    if (!ed25519Verify(key->key.data(), algorithm == "ED" ? digest(EVP_blake2b512(), manifest) : manifest, raw)) {
-      return refuse("signature does not verify");
-    }
+    message = algorithm == "ED" ? digest(EVP_blake2b512(), manifest) : manifest;
   } catch (const std::runtime_error& e) {
     return refuse(e.what());
   }
+  // An id is only 8 bytes, and anyone may make a key with the id of a
+  // pinned one: every key with the id is tried, not just the first.
+  const auto key = std::find_if(keys.begin(), keys.end(),
+                                [&](const PublicKey& k) { return k.id == id && ed25519Verify(k.key.data(), message, raw); });
+  if (key == keys.end()) return refuse("signature does not verify");
   const std::string comment = l[2].substr(std::string(kTrusted).size());
   if (!ed25519Verify(key->key.data(), signedBytes + comment, reinterpret_cast<const unsigned char*>(global.data()))) {
     return refuse("trusted comment does not verify");
@@ -313,7 +326,12 @@ std::string signFile(const std::string& data, const std::string& privatePem, con
 std::string writeManifest(const Release& release) {
   nlohmann::json packages = nlohmann::json::array();
   for (const Entry& e : release.packages) {
-    packages.push_back({{"path", e.path}, {"version", e.version}, {"size", e.size}, {"sha256", e.sha256}});
+    nlohmann::json entry = {{"path", e.path}, {"version", e.version}, {"size", e.size}, {"sha256", e.sha256}};
+    Entry named = e;
+    for (const auto& [key, field] : platformFields(named)) {
+      if (!field->empty()) entry[key] = *field;
+    }
+    packages.push_back(entry);
   }
   const nlohmann::json j = {{"serial", release.serial}, {"expires", utcText(release.expires)}, {"packages", packages}};
   return j.dump(2) + "\n";

@@ -40,6 +40,11 @@ struct Entry {
   std::string version;
   uint64_t size = 0;
   std::string sha256;  // 64 lower-case hex digits
+  // The platform the package is for ("linux", "amd64", "deb"); all three ""
+  // in a release signed before entries named it.
+  std::string os;
+  std::string arch;
+  std::string kind;
 };
 
 struct Release {

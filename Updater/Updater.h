@@ -126,6 +126,12 @@ class Updater {
   // The package's path under the server's address as a release names it
   // ("linux/amd64/setup.deb"): no leading "/", file names decoded.
   std::string packagePath(const utils::SetuParameter& p) const;
+  // Why a release's entry is not for this machine (os, arch) and the kind of
+  // p's package, or "". An entry that names no platform is taken only at a
+  // path of this machine's own legacy layout (legacyPaths).
+  std::string platformProblem(const release::Entry& entry, const utils::SetuParameter& p);
+  // Where this machine looks without a definition file, as release paths.
+  std::vector<std::string> legacyPaths();
 
   // Stops the agent, installs the package (unless restartOnly), detaches a
   // disk image and starts the agent again on every path. Failures of the

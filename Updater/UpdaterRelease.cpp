@@ -8,8 +8,10 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <algorithm>
 #include <map>
 #include <string>
+#include <vector>
 
 #include "KXLog.h"
 #include "Updater.h"
@@ -21,10 +23,11 @@ const char* const kKeysName = "update-keys";
 const char* const kSerialName = "update-serial";
 const char* const kManifestName = "release.json";
 
-// The check that failed, and for which input: one ERR line, result 12.
+// The check that failed, and for which input (a URL masked as the log masks
+// it): one ERR line, result 12.
 Outcome refused(const std::string& input, const std::string& reason) {
-  KXLOG(KXLM_ROOT, KXLL_ERR, "Release check failed for " << utils::logText(input) << ": " << reason);
-  return Outcome::failed(12, "release check failed for " + utils::logText(input) + ": " + reason);
+  KXLOG(KXLM_ROOT, KXLL_ERR, "Release check failed for " << utils::logUrl(input) << ": " << reason);
+  return Outcome::failed(12, "release check failed for " + utils::logUrl(input) + ": " + reason);
 }
 
 // Why a file that guards the machine's updates could be another's doing, or
@@ -120,6 +123,7 @@ Outcome Updater::checkRelease(const utils::SetuParameter& p, const Version& avai
   const std::string path = packagePath(p);
   signedEntry = release::findEntry(signedRelease.release, path);
   if (signedEntry == nullptr) return refused(path, "the release has no entry for it");
+  if (const std::string problem = platformProblem(*signedEntry, p); !problem.empty()) return refused(path, problem);
   if (signedEntry->version != available.toString()) {
     return refused(path, "the release signs version " + utils::logText(signedEntry->version) + ", the server offers " +
                              available.toString());
@@ -129,6 +133,40 @@ Outcome Updater::checkRelease(const utils::SetuParameter& p, const Version& avai
                    << release::utcText(signedRelease.release.expires) << " lists " << path);
   downloadSums = HttpClient::kSha256;
   return Outcome();
+}
+
+std::vector<std::string> Updater::legacyPaths() {
+  std::vector<std::string> paths;
+  if (os == utils::Macosx) {
+    const std::string archText = utils::agentArchToString(arch);
+    const auto* dirs = probeDirectories(archText);
+    for (const char* dir : dirs != nullptr ? *dirs : std::vector<const char*>()) {
+      for (const char* name : *probePackages(archText)) paths.push_back(std::string(dir + 1) + "/" + name);
+    }
+    return paths;
+  }
+  utils::SetuParameter p;
+  try {
+    os == utils::Windows ? fillDefaultSetupParamForWindows(p) : fillDefaultSetupParamForLinux(p);
+  } catch (const std::runtime_error&) {
+    return paths;  // a package kind with no legacy layout
+  }
+  if (!p.setupUrl.empty()) paths.push_back(packagePath(p));
+  return paths;
+}
+
+std::string Updater::platformProblem(const release::Entry& entry, const utils::SetuParameter& p) {
+  const std::string own = std::string(utils::agentOSWord(os)) + "/" + utils::agentArchToString(arch) + " " +
+                          utils::agentDistribToString(utils::stringToAgentDistrib(p.setupName));
+  if (entry.os.empty() && entry.arch.empty() && entry.kind.empty()) {
+    // Signed before entries named their platform: only where this machine
+    // would look without a definition file can it be meant for this machine.
+    const std::vector<std::string> legacy = legacyPaths();
+    if (std::find(legacy.begin(), legacy.end(), packagePath(p)) != legacy.end()) return std::string();
+    return "the release names no platform for it, and it is not where " + own + " looks by itself";
+  }
+  const std::string named = utils::logText(entry.os + "/" + entry.arch + " " + entry.kind);
+  return named == own ? std::string() : "the release lists it for " + named + ", this machine is " + own;
 }
 
 Outcome Updater::matchRelease(const utils::SetuParameter& p, uint64_t size) {

@@ -507,7 +507,9 @@ Outcome Updater::fetchAvailableVersion(const utils::SetuParameter& p, Version& a
   available = Version::parse(versionText);
   if (available.isInvalid()) {
     KXLOG(KXLM_ROOT, KXLL_ERR, "Invalid version_long.txt " << utils::logText(versionText));
-    return Outcome::failed(5, "published version is not four numbers: " + utils::logText(versionText));
+    // The body stays in the log: the record, read by tools, carries none of
+    // it (a redirect may have made it an internal service's answer).
+    return Outcome::failed(5, "published version is not four numbers");
   }
   KXLOG(KXLM_ROOT, KXLL_NFY, "Available version is " << available);
   return Outcome();

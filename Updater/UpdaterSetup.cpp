@@ -140,6 +140,11 @@ utils::AgentSetupDef Updater::parseAgentSetupCfg(const std::string& body) {
       }
       if (fits) return def;
     }
+  } catch (const nlohmann::json::parse_error& e) {
+    KXLOG(KXLM_ROOT, KXLL_ERR, "Parsing error : " << utils::logText(e.what()));
+    // The parser quotes what it last read, which is the server's body: that
+    // stays in the log, never in what travels on to the run record.
+    parseError = "not JSON (byte " + std::to_string(e.byte) + ")";
   } catch (const std::exception& e) {
     parseError = utils::logText(e.what());
     KXLOG(KXLM_ROOT, KXLL_ERR, "Parsing error : " << parseError);

@@ -182,6 +182,19 @@ const char* agentOSToString(int os) {
   }
 }
 
+const char* agentOSWord(int os) {
+  switch (os) {
+    case Windows:
+      return "windows";
+    case Macosx:
+      return "macos";
+    case Linux:
+      return "linux";
+    default:
+      return "";
+  }
+}
+
 bool isDebian() {
   struct stat st {};
   return stat("/usr/bin/dpkg", &st) == 0;
@@ -233,14 +246,23 @@ std::string urlDecoded(const std::string& path) {
 std::string replaceFile(const std::string& path, const std::string& text) {
   const std::string fresh = path + "." + std::to_string(getpid());
   int fd = -1;
-  if (osal_openOwned(fresh.c_str(), O_TRUNC, &fd) != 0) return "cannot create " + fresh;
-  const bool written = osal_writeFix(fd, text.data(), static_cast<unsigned int>(text.size())) == 0;
+  if (osal_openOwned(fresh.c_str(), O_TRUNC, &fd, nullptr, 0600) != 0) return "cannot create " + fresh;
+  // On the disk before it takes the old one's name: after a crash the path
+  // holds the old content or the new, never an empty file.
+  const bool written = osal_writeFix(fd, text.data(), static_cast<unsigned int>(text.size())) == 0 && fsync(fd) == 0;
   const bool closed = osal_close(fd) == 0;
   if (!written || !closed || rename(fresh.c_str(), path.c_str()) != 0) {
     const std::string why = std::strerror(errno);
     unlink(fresh.c_str());
     return "cannot write " + path + " (" + why + ")";
   }
+  // And the rename itself, which lives in the directory.
+  const std::string dir = path.substr(0, path.find_last_of('/') + 1);
+  const int dirFd = open(dir.empty() ? "." : dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  const bool synced = dirFd >= 0 && fsync(dirFd) == 0;
+  const int err = errno;
+  if (dirFd >= 0) close(dirFd);
+  if (!synced) return "cannot sync the directory of " + path + " (" + std::strerror(err) + ")";
   return std::string();
 }
 
@@ -281,12 +303,45 @@ std::string urlSegment(const std::string& name) {
   return out;
 }
 
+namespace {
+// Length of the well-formed UTF-8 sequence at text[i] (overlong forms,
+// surrogates and code points past U+10FFFF are not), or 0.
+size_t utf8Length(const std::string& text, size_t i) {
+  const auto at = [&](size_t k) { return static_cast<unsigned char>(text[k]); };
+  const unsigned char c = at(i);
+  size_t n = 0;
+  unsigned char lo = 0x80, hi = 0xbf;  // the bounds of the second byte
+  if (c >= 0xc2 && c <= 0xdf) {
+    n = 2;
+  } else if (c >= 0xe0 && c <= 0xef) {
+    n = 3;
+    lo = c == 0xe0 ? 0xa0 : 0x80;
+    hi = c == 0xed ? 0x9f : 0xbf;
+  } else if (c >= 0xf0 && c <= 0xf4) {
+    n = 4;
+    lo = c == 0xf0 ? 0x90 : 0x80;
+    hi = c == 0xf4 ? 0x8f : 0xbf;
+  }
+  if (n == 0 || i + n > text.size() || at(i + 1) < lo || at(i + 1) > hi) return 0;
+  for (size_t k = 2; k < n; ++k) {
+    if ((at(i + k) & 0xc0) != 0x80) return 0;
+  }
+  return n;
+}
+}  // namespace
+
 std::string logText(const std::string& text) {
   static const char kHex[] = "0123456789abcdef";
   std::string out;
   const size_t n = std::min(text.size(), kLogTextMax);
   out.reserve(n + 8);
-  for (size_t i = 0; i < n; ++i) {
+  size_t i = 0;
+  const auto escape = [&](unsigned char c) {
+    out += "\\x";
+    out += kHex[c >> 4];
+    out += kHex[c & 0xf];
+  };
+  while (i < n) {
     const unsigned char c = static_cast<unsigned char>(text[i]);
     if (c == '\n') {
       out += "\\n";
@@ -295,14 +350,24 @@ std::string logText(const std::string& text) {
     } else if (c == '\t') {
       out += "\\t";
     } else if (c < 0x20 || c == 0x7f) {
-      out += "\\x";
-      out += kHex[c >> 4];
-      out += kHex[c & 0xf];
-    } else {
+      escape(c);
+    } else if (c < 0x80) {
       out += static_cast<char>(c);
+    } else if (const size_t len = utf8Length(text, i); len == 0 || (c == 0xc2 && static_cast<unsigned char>(text[i + 1]) < 0xa0)) {
+      // Not UTF-8, or a C1 control (U+0080-U+009F; U+009B starts a terminal
+      // escape): byte by byte, so that the result is valid UTF-8 for a JSON
+      // document and inert on a terminal.
+      escape(c);
+      if (len == 2) escape(static_cast<unsigned char>(text[++i]));
+    } else if (i + len > n) {
+      break;  // cut before a character rather than through it
+    } else {
+      out.append(text, i, len);
+      i += len - 1;
     }
+    ++i;
   }
-  if (text.size() > n) out += "...";
+  if (text.size() > i) out += "...";
   return out;
 }
 

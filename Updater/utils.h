@@ -86,6 +86,9 @@ AgentDistrib stringToAgentDistrib(const std::string& fileName);
 const char* agentDistribToString(AgentDistrib d);
 // Log name of an operating-system code; "Unkown" for anything else.
 const char* agentOSToString(int os);
+// The word a publisher and a signed release use for an operating-system code:
+// "windows", "macos", "linux", or "" for anything else.
+const char* agentOSWord(int os);
 bool isDebian();
 bool isSyno();
 // The system temporary directory (honours TMPDIR); empty, after reporting
@@ -106,9 +109,12 @@ std::string lowerCase(const std::string& text);
 // The version inside a setup file cannot be read: always -1.-1.-1.-1.
 Version getSetupVersion(const std::string& path);
 
-// Server text made fit for one log line: at most kLogTextMax bytes of it
-// (then "..."), with control characters escaped (\n, \r, \t, \xHH), so that
-// one line can neither outgrow the log nor be split into forged lines.
+// Server text made fit for a person or a JSON document, the one rule for both:
+// at most kLogTextMax bytes of it (then "..."), never cut inside a character,
+// with control characters (C0, DEL and C1) and bytes that are not UTF-8
+// escaped (\n, \r, \t, \xHH), so that one line can neither outgrow the log,
+// be split into forged lines nor drive a terminal, and the result is valid
+// UTF-8.
 constexpr size_t kLogTextMax = 1024;
 std::string logText(const std::string& text);
 // logText of a URL, with a user name and password in it replaced by "***".
@@ -128,10 +134,11 @@ std::string urlSegment(const std::string& name);
 // The text a URL path stands for: every %XX decoded.
 std::string urlDecoded(const std::string& path);
 
-// Replaces the file at path with text in one step: a file of our own is made
-// beside it (never through a link), written, and renamed over path, so that
-// a reader sees the old content or the new, and a link at path is replaced,
-// not followed. "" on success, else why not.
+// Replaces the file at path with text in one step: a file of our own (0600)
+// is made beside it (never through a link), written, synced, and renamed over
+// path, and the directory synced, so that a reader, also after a crash, sees
+// the old content or the new, and a link at path is replaced, not followed.
+// "" on success, else why not.
 std::string replaceFile(const std::string& path, const std::string& text);
 
 // Why dir is no place for the files of a run as root, or "" when it is fine:

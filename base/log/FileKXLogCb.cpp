@@ -45,12 +45,15 @@ void FileKXLogCb::open() {
   _size = -1;
   int fd = -1;
   const char* replaced = nullptr;
-  if (path.empty() || osal_openOwned(path.c_str(), O_APPEND, &fd, &replaced) != 0) return;
+  if (path.empty() || osal_openOwned(path.c_str(), O_APPEND, &fd, &replaced, 0600) != 0) return;
   struct stat st {};
   if (fstat(fd, &st) != 0) {
     ::close(fd);
     return;
   }
+  // A log written before logs were private goes on, but no longer for
+  // every local user to read: it holds server addresses and answers.
+  if ((st.st_mode & 077) != 0) fchmod(fd, st.st_mode & 0700);
   _fd = fd;
   _size = static_cast<long long>(st.st_size);
   // Said in the file itself: the sink cannot log through the logger, which

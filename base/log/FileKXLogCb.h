@@ -15,7 +15,8 @@
 // root, so the file is opened once, without following links and only as a
 // regular file of our own (see osal_openOwned), and every line goes through
 // that descriptor: a link swapped in at the path later is never written
-// through.
+// through. The file is private to its owner (0600), also when it was made
+// readable by others before.
 //
 // No lock of its own: the logger calls log() with its mutex held. I/O errors
 // never reach the logging statement; a file that cannot be (re)opened only

@@ -21,13 +21,14 @@ int osal_open(const char* path, KXOpenMode mode, bool noCache, int* fd);
 // a FIFO, and hands out only a regular file with one link owned by the
 // effective user. What else an attacker could plant at path (a link, a hard
 // link to some other file, a FIFO, a socket, another user's file) is removed
-// and the file created anew, exclusively, with mode 0644; a device or a
+// and the file created anew, exclusively, with mode (0644 unless given; the
+// umask still applies, and an existing file keeps its own); a device or a
 // directory is left alone and the call fails. flags adds
 // O_APPEND or O_TRUNC (the truncation happens only once the file passed the
 // checks). The descriptor is write-only and close-on-exec. replaced (may be
 // null) receives what was removed ("a link", ...), or null, so that the
 // caller can say so: a removal is never silent.
-int osal_openOwned(const char* path, int flags, int* fd, const char** replaced = nullptr);
+int osal_openOwned(const char* path, int flags, int* fd, const char** replaced = nullptr, unsigned mode = 0644);
 
 // Reads up to size bytes, retrying short reads until size or end of file;
 // *got receives the count.

@@ -66,10 +66,10 @@ bool isOwnedRegularFile(int fd) {
   return fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_nlink == 1 && st.st_uid == geteuid();
 }
 
-int openNoFollow(const char* path, int flags) {
+int openNoFollow(const char* path, int flags, mode_t mode = 0644) {
   int rc;
   do {
-    rc = open(path, flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644);
+    rc = open(path, flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, mode);
   } while (rc < 0 && errno == EINTR);
   return rc;
 }
@@ -91,10 +91,10 @@ const char* plantedKind(const struct stat& st) {
 }
 }  // namespace
 
-int osal_openOwned(const char* path, int flags, int* fd, const char** replaced) {
+int osal_openOwned(const char* path, int flags, int* fd, const char** replaced, unsigned mode) {
   if (replaced != nullptr) *replaced = nullptr;
   const int extra = (flags & O_APPEND) | O_WRONLY;
-  int rc = openNoFollow(path, O_CREAT | extra);
+  int rc = openNoFollow(path, O_CREAT | extra, static_cast<mode_t>(mode));
   if (rc >= 0 && !isOwnedRegularFile(rc)) {
     close(rc);
     rc = -1;
@@ -111,7 +111,7 @@ int osal_openOwned(const char* path, int flags, int* fd, const char** replaced) 
     } else if (kind != nullptr && replaced != nullptr) {
       *replaced = kind;
     }
-    rc = openNoFollow(path, O_CREAT | O_EXCL | extra);
+    rc = openNoFollow(path, O_CREAT | O_EXCL | extra, static_cast<mode_t>(mode));
   }
   if (rc < 0 || blocking(rc) != 0 || ((flags & O_TRUNC) != 0 && ftruncate(rc, 0) != 0)) {
     const int err = errno;
