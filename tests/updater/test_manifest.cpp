@@ -70,4 +70,20 @@ TEST(Release, DigestsAndTimesByKnownAnswers) {
   }
 }
 
+// A key id is 8 bytes anyone can copy: a pinned key that shares it with the
+// signer's, listed first, must not hide the signer's.
+TEST(Release, EveryPinnedKeyWithTheSignaturesIdIsTried) {
+  const std::string signer = release::generatePrivateKeyPem(), other = release::generatePrivateKeyPem();
+  release::Release r;
+  r.serial = 3, r.expires = 4102444800;
+  const std::string manifest = release::writeManifest(r);
+  const std::string signature = release::signFile(manifest, signer, "serial:3");
+  std::vector<release::PublicKey> keys;
+  ASSERT_EQ(release::parsePublicKeys(release::publicKeyFile(other, "o") + release::publicKeyFile(signer, "s"), keys), "");
+  keys[0].id = keys[1].id;
+  EXPECT_TRUE(release::verifyRelease(manifest, signature, keys, 0, 0).ok);
+  keys.pop_back();
+  EXPECT_EQ(release::verifyRelease(manifest, signature, keys, 0, 0).reason, "signature does not verify");
+}
+
 }  // namespace

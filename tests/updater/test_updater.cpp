@@ -166,6 +166,22 @@ TEST(Utils, ConversionsTheProgramOnlyMeetsWithTheHostsValues) {
   }
 }
 
+// One rule for every server text shown to a person or put into JSON: valid
+// UTF-8 stays, controls (C0, DEL, C1) and bytes that are not UTF-8 are escaped.
+TEST(Utils, ServerTextIsEscapedIntoValidInertUtf8) {
+  const std::string cut(utils::kLogTextMax - 1, 'a');
+  const std::pair<std::string, std::string> rows[] = {
+      {"caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80", "caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80"},
+      {"a\nb\tc\x1b[0m\x7f", "a\\nb\\tc\\x1b[0m\\x7f"},
+      {"\xc2\x9b""31m \xc2\x80 \xc2\xa0", "\\xc2\\x9b""31m \\xc2\\x80 \xc2\xa0"},  // C1 controls; U+00A0 is none
+      {"\xff\xc3(\xe2\x82 \xc0\xaf \xed\xa0\x80 \xf4\x90\x80\x80",  // stray, cut short, overlong, surrogate, > U+10FFFF
+       "\\xff\\xc3(\\xe2\\x82 \\xc0\\xaf \\xed\\xa0\\x80 \\xf4\\x90\\x80\\x80"},
+      {cut + "\xc3\xa9", cut + "..."},  // never cut through a character
+      {cut + "a\xc3\xa9", cut + "a..."},
+  };
+  for (const auto& [text, shown] : rows) EXPECT_EQ(utils::logText(text), shown) << text;
+}
+
 // Not used by the update run; kept for the agent's other tools.
 TEST(Utils, ExeclogLogsBothStreamsOrTheFailureToStart) {
   ScopedLogCapture cap;
