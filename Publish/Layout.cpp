@@ -4,7 +4,6 @@
 #include <boost/filesystem.hpp>
 #include <fstream>
 #include <iostream>
-#include <iterator>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
@@ -213,18 +212,12 @@ std::vector<SignedFile> signedFiles(const Request& r) {
 int layout(const std::vector<std::string>& args) {
   Request r;
   if (const int status = parseRequest(args, r); status != 0) return status;
-  if (!r.signKey.empty()) {
-    // A key that cannot sign is found out before anything is written.
-    try {
-      std::ifstream in(r.signKey, std::ios::binary);
-      release::publicKeyFile(std::string(std::istreambuf_iterator<char>(in), {}), "");
-    } catch (const std::runtime_error& e) {
-      return refuse("--sign " + r.signKey + ": " + e.what());
-    }
-  }
   if (const int status = placePackages(r); status != 0) return status;
+  // A key that cannot sign, or a serial that cannot grow, is found out
+  // before anything is written.
+  const Signer signer = r.signKey.empty() ? Signer() : prepareSigning(r.outDir, r.signKey);
   writeTree(r);
-  if (!r.signKey.empty()) signRelease(r.outDir, r.signKey, r.expiresDays, signedFiles(r));
+  if (!r.signKey.empty()) signRelease(r.outDir, signer, r.expiresDays, signedFiles(r));
   return 0;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -34,12 +35,21 @@ int keygen(const std::vector<std::string>& args);
 struct SignedFile {
   std::string path;  // under the server's address, no leading "/"
   std::string version;
-  std::string source;  // the file, for its size and SHA-256
+  std::string source;          // the file, for its size and SHA-256
   std::string os, arch, kind;  // the platform it is for: "linux", "amd64", "deb"
 };
-// Writes release.json (the serial after the one in outDir, expiring days
-// from now) and its signature by the private key at keyPath.
-void signRelease(const std::string& outDir, const std::string& keyPath, int days, const std::vector<SignedFile>& files);
+// What signing a release into outDir takes, found out before anything is
+// written: the private key, the signing time and the serial. Throws
+// std::runtime_error with a one-line reason naming the file at fault.
+struct Signer {
+  std::string pem;
+  int64_t now = 0;
+  int64_t serial = 0;
+};
+Signer prepareSigning(const std::string& outDir, const std::string& keyPath);
+// Writes release.json (expiring days after the signing time) and its
+// signature.
+void signRelease(const std::string& outDir, const Signer& signer, int days, const std::vector<SignedFile>& files);
 
 // The whole file; throws std::runtime_error naming it when it cannot be read.
 std::string readText(const std::string& path);

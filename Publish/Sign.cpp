@@ -3,11 +3,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <boost/filesystem.hpp>
+#include <cerrno>
+#include <cstring>
 #include <ctime>
 #include <fstream>
 #include <iostream>
-#include <nlohmann/json.hpp>
+#include <limits>
 #include <sstream>
 #include <stdexcept>
 
@@ -44,6 +47,25 @@ std::string fileSha256(const std::string& path) {
   return hash.hex();
 }
 
+// The serial of the release already in dir when its signature verifies with
+// the publisher's own key, else 0: nothing is taken from a file that anyone
+// could have put there.
+int64_t verifiedSerial(const fs::path& dir, const std::string& pem) {
+  const fs::path manifest = dir / "release.json";
+  const fs::path signature = dir / "release.json.minisig";
+  if (!fs::is_regular_file(manifest) || !fs::is_regular_file(signature) ||
+      fs::file_size(manifest) > release::kMaxManifest || fs::file_size(signature) > release::kMaxSignature) {
+    return 0;
+  }
+  std::vector<release::PublicKey> own;
+  release::parsePublicKeys(release::publicKeyFile(pem, ""), own);
+  // Expired still counts: the agents that accepted it hold its serial and
+  // would refuse a lower one.
+  const release::Verified v = release::verifyRelease(readText(manifest.string()), readText(signature.string()), own,
+                                                     std::numeric_limits<int64_t>::min(), 0);
+  return v.ok ? v.release.serial : 0;
+}
+
 }  // namespace
 
 std::string readText(const std::string& path) {
@@ -67,23 +89,41 @@ int keygen(const std::vector<std::string>& args) {
   return 0;
 }
 
-void signRelease(const std::string& outDir, const std::string& keyPath, int days,
-                 const std::vector<SignedFile>& files) {
-  const std::string pem = readText(keyPath);
+Signer prepareSigning(const std::string& outDir, const std::string& keyPath) {
+  struct stat st {};
+  if (stat(keyPath.c_str(), &st) != 0) throw std::runtime_error("--sign " + keyPath + ": " + std::strerror(errno));
+  Signer signer;
+  try {
+    signer.pem = readText(keyPath);
+    release::publicKeyFile(signer.pem, "");  // a key that cannot sign is found out here
+  } catch (const std::runtime_error& e) {
+    throw std::runtime_error("--sign " + keyPath + ": " + e.what());
+  }
+  signer.now = static_cast<int64_t>(std::time(nullptr));
+  // Agents refuse a serial below the last they accepted. The signing time
+  // keeps a release laid out in a fresh directory above the one it replaces;
+  // one above the release already here keeps a second signing within the
+  // same second, or after the clock went back, above the first.
+  const int64_t existing = verifiedSerial(fs::path(outDir), signer.pem);
+  if (existing == std::numeric_limits<int64_t>::max()) {
+    throw std::runtime_error((fs::path(outDir) / "release.json").string() + ": serial " + std::to_string(existing) +
+                             " is the last there is, no release can follow it");
+  }
+  signer.serial = std::max(existing + 1, signer.now);
+  return signer;
+}
+
+void signRelease(const std::string& outDir, const Signer& signer, int days, const std::vector<SignedFile>& files) {
   release::Release r;
-  // The next serial after the one already there, so that agents take it.
-  const fs::path manifest = fs::path(outDir) / "release.json";
-  if (fs::exists(manifest)) r.serial = nlohmann::json::parse(readText(manifest.string())).at("serial").get<int64_t>();
-  ++r.serial;
-  const int64_t now = static_cast<int64_t>(std::time(nullptr));
-  r.expires = now + int64_t{days} * 86400;
+  r.serial = signer.serial;
+  r.expires = signer.now + int64_t{days} * 86400;
   for (const SignedFile& f : files) {
     r.packages.push_back({f.path, f.version, fs::file_size(f.source), fileSha256(f.source), f.os, f.arch, f.kind});
   }
   const std::string text = release::writeManifest(r);
   const std::string comment =
-      "timestamp:" + std::to_string(now) + "\tfile:release.json\tserial:" + std::to_string(r.serial);
-  const std::string signature = release::signFile(text, pem, comment);
+      "timestamp:" + std::to_string(signer.now) + "\tfile:release.json\tserial:" + std::to_string(r.serial);
+  const std::string signature = release::signFile(text, signer.pem, comment);
   for (const auto& [name, content] :
        {std::make_pair("release.json", text), std::make_pair("release.json.minisig", signature)}) {
     std::ofstream out((fs::path(outDir) / name).string(), std::ios::binary | std::ios::trunc);
