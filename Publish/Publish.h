@@ -39,8 +39,9 @@ struct SignedFile {
   std::string os, arch, kind;  // the platform it is for: "linux", "amd64", "deb"
 };
 // What signing a release into outDir takes, found out before anything is
-// written: the private key, the signing time and the serial. Throws
-// std::runtime_error with a one-line reason naming the file at fault.
+// written: the private key (never readable by others), the signing time and
+// the serial. Throws std::runtime_error with a one-line reason naming the
+// file at fault.
 struct Signer {
   std::string pem;
   int64_t now = 0;

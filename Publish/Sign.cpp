@@ -47,6 +47,18 @@ std::string fileSha256(const std::string& path) {
   return hash.hex();
 }
 
+// A word as a shell reads it back: quoted unless it is plain.
+std::string shellWord(const std::string& word) {
+  if (!word.empty() &&
+      word.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789+,-./:=@_") ==
+          std::string::npos) {
+    return word;
+  }
+  std::string quoted = "'";
+  for (const char c : word) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return quoted + "'";
+}
+
 // The serial of the release already in dir when its signature verifies with
 // the publisher's own key, else 0: nothing is taken from a file that anyone
 // could have put there.
@@ -78,20 +90,36 @@ std::string readText(const std::string& path) {
 
 int keygen(const std::vector<std::string>& args) {
   if (args.size() != 1) return usage("keygen needs the file to write the private key to");
+  const std::string pubPath = args[0] + ".pub";
+  // Both names free before either is written: half a pair would make the
+  // next attempt fail for ever.
+  for (const std::string& path : {args[0], pubPath}) {
+    struct stat st {};
+    if (lstat(path.c_str(), &st) == 0)
+      throw std::runtime_error(path + ": it exists already, and keygen replaces no key");
+  }
   const std::string pem = release::generatePrivateKeyPem();
   const std::string pub = release::publicKeyFile(pem, "kx-publish public key");
   writeNew(args[0], pem, 0600);
-  writeNew(args[0] + ".pub", pub, 0644);
+  try {
+    writeNew(pubPath, pub, 0644);
+  } catch (const std::runtime_error&) {
+    unlink(args[0].c_str());  // taken meanwhile: no private key without its public one
+    throw;
+  }
   std::vector<release::PublicKey> keys;
   release::parsePublicKeys(pub, keys);
-  std::cout << "key " << release::keyIdText(keys.at(0).id) << ": private " << args[0] << ", public " << args[0]
-            << ".pub\n";
+  std::cout << "key " << release::keyIdText(keys.at(0).id) << ": private " << args[0] << ", public " << pubPath << "\n";
   return 0;
 }
 
 Signer prepareSigning(const std::string& outDir, const std::string& keyPath) {
   struct stat st {};
   if (stat(keyPath.c_str(), &st) != 0) throw std::runtime_error("--sign " + keyPath + ": " + std::strerror(errno));
+  if ((st.st_mode & (S_IRGRP | S_IROTH)) != 0) {
+    throw std::runtime_error("--sign " + keyPath + ": the private key is readable by others: chmod 600 " +
+                             shellWord(keyPath));
+  }
   Signer signer;
   try {
     signer.pem = readText(keyPath);
