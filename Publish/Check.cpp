@@ -147,14 +147,16 @@ std::optional<Row> resolve(Updater& u, const Target& t, const std::string& serve
     }
     if (t.os == utils::Macosx && !u.definitionUsed) {
       if (const std::string missing = macPackageWithoutVersion(u, server, t.arch); !missing.empty()) {
-        return halfPublished(row, "version file " + missing + " is missing");
+        return halfPublished(row, "version file " + utils::logUrl(missing) + " is missing");
       }
     }
     return notPublished(row);
   }
   row.listed = u.definitionUsed;
   row.url = p.setupUrl;
-  if (p.setupName.empty()) return fail(row, 2, "no package in " + p.versionUrl.substr(0, p.versionUrl.rfind('/')));
+  if (p.setupName.empty()) {
+    return fail(row, 2, "no package in " + utils::logUrl(p.versionUrl.substr(0, p.versionUrl.rfind('/'))));
+  }
   return std::nullopt;
 }
 
@@ -165,7 +167,7 @@ std::optional<Row> fetchFacts(Updater& u, Row& row, const utils::SetuParameter& 
     // Linux kinds share one legacy directory and its version file.
     std::map<std::string, std::string> headers;
     if (u.httpClient.head(p.setupUrl, headers) == 0) {
-      return halfPublished(row, "version file " + p.versionUrl + " is missing");
+      return halfPublished(row, "version file " + utils::logUrl(p.versionUrl) + " is missing");
     }
     return notPublished(row);
   }
@@ -187,7 +189,10 @@ std::optional<Row> fetchFacts(Updater& u, Row& row, const utils::SetuParameter& 
 
   o = u.fetchExpectedSize(p, f.size);
   if (o.code == 2) return fail(row, 2, failure(u.httpClient, "package"));
-  if (o.code == 7) return fail(row, 7, o.reason.substr(o.reason.find(": ") + 2));
+  if (o.code == 7) {
+    const size_t colon = o.reason.find(": ");
+    return fail(row, 7, colon == std::string::npos ? o.reason : o.reason.substr(colon + 2));
+  }
   row.size = std::to_string(f.size);
   return std::nullopt;
 }
@@ -205,9 +210,9 @@ std::optional<Row> judge(Updater& u, Row& row, const utils::SetuParameter& p, co
     if (Outcome r = u.matchRelease(p, f.size); !r.ok()) return fail(row, 12, r.reason);
   }
   const HttpClient::Result& hash = f.hashAnswer;
-  if (hash.code == 404) return halfPublished(row, "hash file " + p.hashUrl + " is missing");
+  if (hash.code == 404) return halfPublished(row, "hash file " + utils::logUrl(p.hashUrl) + " is missing");
   if (hash.code != 0) {
-    return halfPublished(row, "hash file " + p.hashUrl + " cannot be fetched (" +
+    return halfPublished(row, "hash file " + utils::logUrl(p.hashUrl) + " cannot be fetched (" +
                                   (hash.code < 0 ? hash.error : std::to_string(hash.code)) + ")");
   }
   if (row.md5 == "bad") return fail(row, 7, "MD5 does not match (every client computes 32 lower-case digits)");
@@ -287,10 +292,25 @@ void unpublishKindsMissingEverywhere(std::vector<Row>& rows) {
   }
 }
 
+// Every text of a row as a person or a JSON reader gets it, under the one
+// escaping rule of the log: most of it comes from the server, and none of it
+// may drive a terminal, break the JSON, or show an address's credentials.
+Row shown(const Row& r) {
+  Row out = r;
+  for (std::string* text : {&out.platform, &out.version, &out.size, &out.md5, &out.verdict}) {
+    *text = utils::logText(*text);
+  }
+  out.url = utils::logUrl(r.url);
+  return out;
+}
+
 void print(const std::vector<Row>& rows, bool json) {
+  std::vector<Row> shownRows;
+  shownRows.reserve(rows.size());
+  for (const Row& r : rows) shownRows.push_back(shown(r));
   if (json) {
     nlohmann::json out = nlohmann::json::array();
-    for (const Row& r : rows) {
+    for (const Row& r : shownRows) {
       out.push_back({{"platform", r.platform},
                      {"url", r.url},
                      {"version", r.version},
@@ -304,18 +324,14 @@ void print(const std::vector<Row>& rows, bool json) {
     return;
   }
   size_t url = 3;
-  for (const Row& r : rows) url = std::max(url, utils::logText(r.url).size());
+  for (const Row& r : shownRows) url = std::max(url, r.url.size());
   const auto line = [url](const std::string& a, const std::string& b, const std::string& c, const std::string& d,
                           const std::string& e, const std::string& f) {
     std::cout << std::left << std::setw(17) << a << std::setw(static_cast<int>(url) + 2) << b << std::setw(12) << c
               << std::setw(11) << d << std::setw(10) << e << f << "\n";
   };
   line("PLATFORM", "URL", "VERSION", "SIZE", "MD5", "VERDICT");
-  // Addresses and recorded versions come from the server: escaped as in the
-  // log, so that no text of it can drive the publisher's terminal.
-  for (const Row& r : rows) {
-    line(r.platform, utils::logText(r.url), utils::logText(r.version), r.size, r.md5, utils::logText(r.verdict));
-  }
+  for (const Row& r : shownRows) line(r.platform, r.url, r.version, r.size, r.md5, r.verdict);
 }
 
 // The served release as a client that pins keys sees it, in one line; false
@@ -328,17 +344,17 @@ bool checkSignedRelease(const std::string& server, const std::vector<release::Pu
   const std::string url = server + "/release.json";
   out << "release.json: ";
   if (client.get(url, manifest, headers, release::kMaxManifest) != 0) {
-    out << "unsigned: " << failure(client, "release.json") << "\n";
+    out << "unsigned: " << utils::logText(failure(client, "release.json")) << "\n";
     return false;
   }
   if (client.get(url + ".minisig", signature, headers, release::kMaxSignature) != 0) {
-    out << "unsigned: " << failure(client, "release.json.minisig") << "\n";
+    out << "unsigned: " << utils::logText(failure(client, "release.json.minisig")) << "\n";
     return false;
   }
   const int64_t now = static_cast<int64_t>(std::time(nullptr));
   const release::Verified v = release::verifyRelease(manifest, signature, keys, now, 0);
   if (!v.ok) {
-    out << "refused: " << v.reason << "\n";
+    out << "refused: " << utils::logText(v.reason) << "\n";
     return false;
   }
   const int64_t days = (v.release.expires - now) / 86400;
