@@ -92,6 +92,14 @@ Row fail(Row row, int result, const std::string& why) {
   return row;
 }
 
+// The client's reasons speak of "this machine"; here it is the client
+// replayed.
+std::string asReplayed(std::string reason) {
+  const std::string machine = "this machine";
+  if (const size_t at = reason.find(machine); at != std::string::npos) reason.replace(at, machine.size(), "the client");
+  return reason;
+}
+
 Row notPublished(Row row) {
   row.published = false;
   row.ok = true;
@@ -206,7 +214,7 @@ std::optional<Row> judge(Updater& u, Row& row, const utils::SetuParameter& p, co
   if (keys != nullptr) {
     u.keysPinned = true;
     u.pinnedKeys = *keys;
-    if (Outcome r = u.checkRelease(p, f.available); !r.ok()) return fail(row, 12, r.reason);
+    if (Outcome r = u.checkRelease(p, f.available); !r.ok()) return fail(row, 12, asReplayed(r.reason));
     if (Outcome r = u.matchRelease(p, f.size); !r.ok()) return fail(row, 12, r.reason);
   }
   const HttpClient::Result& hash = f.hashAnswer;
