@@ -24,7 +24,9 @@ bool parsePlatform(const std::string& name, Platform& out);
 bool isPublishableVersion(const std::string& text);
 
 // The two commands; args exclude the command word. Both return the exit
-// status: 0, 1 (a check failed or a file could not be written), 2 (usage).
+// status: 0, 1 (a check failed), 2 (usage, or input clients would misread);
+// a file that cannot be read or written, or is refused (a key others can
+// read, a serial that cannot grow), throws std::runtime_error: exit 1.
 int layout(const std::vector<std::string>& args);
 int check(const std::vector<std::string>& args);
 // keygen OUT: a new private key at OUT (PEM, 0600) and its public key file
