@@ -9,6 +9,7 @@
 #include <iomanip>
 #include <iostream>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -91,6 +92,14 @@ Row fail(Row row, int result, const std::string& why) {
   return row;
 }
 
+// The client's reasons speak of "this machine"; here it is the client
+// replayed.
+std::string asReplayed(std::string reason) {
+  const std::string machine = "this machine";
+  if (const size_t at = reason.find(machine); at != std::string::npos) reason.replace(at, machine.size(), "the client");
+  return reason;
+}
+
 Row notPublished(Row row) {
   row.published = false;
   row.ok = true;
@@ -118,20 +127,18 @@ std::string macPackageWithoutVersion(Updater& u, const std::string& server, int 
   return std::string();
 }
 
-// keys: the publisher's public keys when the check is a signed client's.
-Row checkOne(const Target& t, const std::string& server, const std::string& from, bool download, const std::string& tmp,
-             const std::vector<release::PublicKey>* keys, Capture& cap) {
-  Row row;
-  row.platform = t.name;
-  cap.label = t.name;
-  // A client of that platform, fresh: nothing is probed but the server.
-  Updater u;
-  u.serverUrl = server;
-  u.tempDir = tmp;
-  u.os = t.os;
-  u.arch = t.arch;
-  u.distrib = t.distrib;
-  utils::SetuParameter p;
+// What a client learns of its package before it downloads it.
+struct Facts {
+  Version available;
+  std::string md5;
+  HttpClient::Result hashAnswer;
+  std::string recordedVersion;  // as the MD5 file records it; "" when it does not
+  unsigned long long recordedSize = 0;
+  unsigned long long size = 0;
+};
+
+// The client's resolution of its package; a finished row when it ends there.
+std::optional<Row> resolve(Updater& u, const Target& t, const std::string& server, Row& row, utils::SetuParameter& p) {
   try {
     p = u.getAgentSetup();
   } catch (const Updater::SetupError& e) {
@@ -148,86 +155,129 @@ Row checkOne(const Target& t, const std::string& server, const std::string& from
     }
     if (t.os == utils::Macosx && !u.definitionUsed) {
       if (const std::string missing = macPackageWithoutVersion(u, server, t.arch); !missing.empty()) {
-        return halfPublished(row, "version file " + missing + " is missing");
+        return halfPublished(row, "version file " + utils::logUrl(missing) + " is missing");
       }
     }
     return notPublished(row);
   }
-  const bool byDefinition = u.definitionUsed;
-  row.listed = byDefinition;
+  row.listed = u.definitionUsed;
   row.url = p.setupUrl;
-  if (p.setupName.empty()) return fail(row, 2, "no package in " + p.versionUrl.substr(0, p.versionUrl.rfind('/')));
+  if (p.setupName.empty()) {
+    return fail(row, 2, "no package in " + utils::logUrl(p.versionUrl.substr(0, p.versionUrl.rfind('/'))));
+  }
+  return std::nullopt;
+}
 
-  Version available;
-  Outcome o = u.fetchAvailableVersion(p, available);
-  if (o.code == 2 && !byDefinition && u.httpClient.lastResult().code == 404) {
+// The version, MD5 and size steps; a finished row when the client ends there.
+std::optional<Row> fetchFacts(Updater& u, Row& row, const utils::SetuParameter& p, Facts& f) {
+  Outcome o = u.fetchAvailableVersion(p, f.available);
+  if (o.code == 2 && !row.listed && u.httpClient.lastResult().code == 404) {
     // Linux kinds share one legacy directory and its version file.
     std::map<std::string, std::string> headers;
     if (u.httpClient.head(p.setupUrl, headers) == 0) {
-      return halfPublished(row, "version file " + p.versionUrl + " is missing");
+      return halfPublished(row, "version file " + utils::logUrl(p.versionUrl) + " is missing");
     }
     return notPublished(row);
   }
   if (o.code == 2) return fail(row, 2, failure(u.httpClient, "version file"));
   if (o.code == 5) return fail(row, 5, "published version is not four numbers");
-  row.version = available.toString();
+  row.version = f.available.toString();
 
   std::string hashFile;
-  const std::string md5 = u.fetchExpectedMd5(p, &hashFile);
-  const HttpClient::Result hashAnswer = u.httpClient.lastResult();
-  row.md5 = md5.empty() ? "none" : isLowerHex32(md5) ? "ok" : "bad";
+  f.md5 = u.fetchExpectedMd5(p, &hashFile);
+  f.hashAnswer = u.httpClient.lastResult();
+  row.md5 = f.md5.empty() ? "none" : isLowerHex32(f.md5) ? "ok" : "bad";
   // What the package was published as, where kx-publish wrote it down.
   const size_t note = hashFile.find("\n# version ");
   char recordedVersion[64] = {};
-  unsigned long long recordedSize = 0;
-  const bool recorded = note != std::string::npos && std::sscanf(hashFile.c_str() + note, "\n# version %63s size %llu",
-                                                                 recordedVersion, &recordedSize) == 2;
+  if (note != std::string::npos &&
+      std::sscanf(hashFile.c_str() + note, "\n# version %63s size %llu", recordedVersion, &f.recordedSize) == 2) {
+    f.recordedVersion = recordedVersion;
+  }
 
-  unsigned long long size = 0;
-  o = u.fetchExpectedSize(p, size);
+  o = u.fetchExpectedSize(p, f.size);
   if (o.code == 2) return fail(row, 2, failure(u.httpClient, "package"));
-  if (o.code == 7) return fail(row, 7, o.reason.substr(o.reason.find(": ") + 2));
-  row.size = std::to_string(size);
+  if (o.code == 7) {
+    const size_t colon = o.reason.find(": ");
+    return fail(row, 7, colon == std::string::npos ? o.reason : o.reason.substr(colon + 2));
+  }
+  row.size = std::to_string(f.size);
+  return std::nullopt;
+}
+
+// The package held to the release and to its hash file; a finished row when
+// that is where the client would end.
+std::optional<Row> judge(Updater& u, Row& row, const utils::SetuParameter& p, const Facts& f,
+                         const std::vector<release::PublicKey>* keys) {
   // Only a package that is there is held to the release: a kind nobody
   // published stays "not published".
   if (keys != nullptr) {
     u.keysPinned = true;
     u.pinnedKeys = *keys;
-    if (Outcome r = u.checkRelease(p, available); !r.ok()) return fail(row, 12, r.reason);
-    if (Outcome r = u.matchRelease(p, size); !r.ok()) return fail(row, 12, r.reason);
+    if (Outcome r = u.checkRelease(p, f.available); !r.ok()) return fail(row, 12, asReplayed(r.reason));
+    if (Outcome r = u.matchRelease(p, f.size); !r.ok()) return fail(row, 12, r.reason);
   }
-  if (hashAnswer.code == 404) return halfPublished(row, "hash file " + p.hashUrl + " is missing");
-  if (hashAnswer.code != 0) {
-    return halfPublished(row, "hash file " + p.hashUrl + " cannot be fetched (" +
-                                  (hashAnswer.code < 0 ? hashAnswer.error : std::to_string(hashAnswer.code)) + ")");
+  const HttpClient::Result& hash = f.hashAnswer;
+  if (hash.code == 404) return halfPublished(row, "hash file " + utils::logUrl(p.hashUrl) + " is missing");
+  if (hash.code != 0) {
+    return halfPublished(row, "hash file " + utils::logUrl(p.hashUrl) + " cannot be fetched (" +
+                                  (hash.code < 0 ? hash.error : std::to_string(hash.code)) + ")");
   }
   if (row.md5 == "bad") return fail(row, 7, "MD5 does not match (every client computes 32 lower-case digits)");
-  if (recorded && recordedVersion != row.version) {
-    row.verdict = std::string("version bumped without its package (published as ") + recordedVersion + ")";
+  if (!f.recordedVersion.empty() && f.recordedVersion != row.version) {
+    row.verdict = "version bumped without its package (published as " + f.recordedVersion + ")";
     return row;
   }
-  if (recorded && recordedSize != size) {
-    row.verdict = "package changed after its MD5 file was written (" + std::to_string(recordedSize) + " bytes then)";
+  if (!f.recordedVersion.empty() && f.recordedSize != f.size) {
+    row.verdict = "package changed after its MD5 file was written (" + std::to_string(f.recordedSize) + " bytes then)";
     return row;
   }
+  return std::nullopt;
+}
+
+// The download and its checks; a finished row when they fail.
+std::optional<Row> downloadOne(Updater& u, Row& row, const utils::SetuParameter& p, const Facts& f,
+                               const std::vector<release::PublicKey>* keys, Capture& cap) {
+  const Outcome o = u.downloadVerified(p, f.size, f.md5);
+  if (cap.progress) std::cerr << "\n";
+  cap.progress = false;
+  boost::system::error_code ec;
+  boost::filesystem::remove(p.setupPath, ec);
+  if (o.code == 2) return fail(row, 2, failure(u.httpClient, "package"));
+  if (o.code == 6) return fail(row, 6, "package size differs from its announced size");
+  if (o.code == 7) return fail(row, 7, "MD5 does not match");
+  if (keys != nullptr) {
+    if (Outcome r = u.acceptRelease(p); !r.ok()) return fail(row, 12, r.reason);
+  }
+  if (!f.md5.empty()) row.md5 = "verified";
+  return std::nullopt;
+}
+
+// keys: the publisher's public keys when the check is a signed client's.
+Row checkOne(const Target& t, const std::string& server, const std::string& from, bool download, const std::string& tmp,
+             const std::vector<release::PublicKey>* keys, Capture& cap) {
+  Row row;
+  row.platform = t.name;
+  cap.label = t.name;
+  // A client of that platform, fresh: nothing is probed but the server.
+  Updater u;
+  u.serverUrl = server;
+  u.tempDir = tmp;
+  u.os = t.os;
+  u.arch = t.arch;
+  u.distrib = t.distrib;
+  utils::SetuParameter p;
+  Facts f;
+  if (std::optional<Row> done = resolve(u, t, server, row, p)) return *done;
+  if (std::optional<Row> done = fetchFacts(u, row, p, f)) return *done;
+  if (std::optional<Row> done = judge(u, row, p, f, keys)) return *done;
   if (download) {
-    o = u.downloadVerified(p, size, md5);
-    if (cap.progress) std::cerr << "\n";
-    cap.progress = false;
-    boost::system::error_code ec;
-    boost::filesystem::remove(p.setupPath, ec);
-    if (o.code == 2) return fail(row, 2, failure(u.httpClient, "package"));
-    if (o.code == 6) return fail(row, 6, "package size differs from its announced size");
-    if (o.code == 7) return fail(row, 7, "MD5 does not match");
-    if (keys != nullptr) {
-      if (Outcome r = u.acceptRelease(p); !r.ok()) return fail(row, 12, r.reason);
-    }
-    if (!md5.empty()) row.md5 = "verified";
+    if (std::optional<Row> done = downloadOne(u, row, p, f, keys, cap)) return *done;
   }
   row.ok = true;
   if (from.empty()) {
     row.verdict = "would update to " + row.version;
-  } else if (Version::parse(from) < available) {
+  } else if (Version::parse(from) < f.available) {
     row.verdict = "would update " + from + " -> " + row.version;
   } else {
     row.verdict = "up to date";
@@ -235,10 +285,40 @@ Row checkOne(const Target& t, const std::string& server, const std::string& from
   return row;
 }
 
+// Linux clients of every kind share a legacy directory and its version
+// file: a kind whose package is missing for every architecture is simply
+// not published, while one missing for a single architecture is a fault.
+void unpublishKindsMissingEverywhere(std::vector<Row>& rows) {
+  const char* const missing = "result 2: package not found (404)";
+  for (Row& r : rows) {
+    bool elsewhere = false;
+    for (const Row& other : rows) {
+      elsewhere =
+          elsewhere || (kindOf(other.platform) == kindOf(r.platform) && other.published && other.verdict != missing);
+    }
+    if (!elsewhere && !r.listed && r.verdict == missing) r = notPublished(r);
+  }
+}
+
+// Every text of a row as a person or a JSON reader gets it, under the one
+// escaping rule of the log: most of it comes from the server, and none of it
+// may drive a terminal, break the JSON, or show an address's credentials.
+Row shown(const Row& r) {
+  Row out = r;
+  for (std::string* text : {&out.platform, &out.version, &out.size, &out.md5, &out.verdict}) {
+    *text = utils::logText(*text);
+  }
+  out.url = utils::logUrl(r.url);
+  return out;
+}
+
 void print(const std::vector<Row>& rows, bool json) {
+  std::vector<Row> shownRows;
+  shownRows.reserve(rows.size());
+  for (const Row& r : rows) shownRows.push_back(shown(r));
   if (json) {
     nlohmann::json out = nlohmann::json::array();
-    for (const Row& r : rows) {
+    for (const Row& r : shownRows) {
       out.push_back({{"platform", r.platform},
                      {"url", r.url},
                      {"version", r.version},
@@ -252,18 +332,14 @@ void print(const std::vector<Row>& rows, bool json) {
     return;
   }
   size_t url = 3;
-  for (const Row& r : rows) url = std::max(url, utils::logText(r.url).size());
+  for (const Row& r : shownRows) url = std::max(url, r.url.size());
   const auto line = [url](const std::string& a, const std::string& b, const std::string& c, const std::string& d,
                           const std::string& e, const std::string& f) {
     std::cout << std::left << std::setw(17) << a << std::setw(static_cast<int>(url) + 2) << b << std::setw(12) << c
               << std::setw(11) << d << std::setw(10) << e << f << "\n";
   };
   line("PLATFORM", "URL", "VERSION", "SIZE", "MD5", "VERDICT");
-  // Addresses and recorded versions come from the server: escaped as in the
-  // log, so that no text of it can drive the publisher's terminal.
-  for (const Row& r : rows) {
-    line(r.platform, utils::logText(r.url), utils::logText(r.version), r.size, r.md5, utils::logText(r.verdict));
-  }
+  for (const Row& r : shownRows) line(r.platform, r.url, r.version, r.size, r.md5, r.verdict);
 }
 
 // The served release as a client that pins keys sees it, in one line; false
@@ -276,17 +352,17 @@ bool checkSignedRelease(const std::string& server, const std::vector<release::Pu
   const std::string url = server + "/release.json";
   out << "release.json: ";
   if (client.get(url, manifest, headers, release::kMaxManifest) != 0) {
-    out << "unsigned: " << failure(client, "release.json") << "\n";
+    out << "unsigned: " << utils::logText(failure(client, "release.json")) << "\n";
     return false;
   }
   if (client.get(url + ".minisig", signature, headers, release::kMaxSignature) != 0) {
-    out << "unsigned: " << failure(client, "release.json.minisig") << "\n";
+    out << "unsigned: " << utils::logText(failure(client, "release.json.minisig")) << "\n";
     return false;
   }
   const int64_t now = static_cast<int64_t>(std::time(nullptr));
   const release::Verified v = release::verifyRelease(manifest, signature, keys, now, 0);
   if (!v.ok) {
-    out << "refused: " << v.reason << "\n";
+    out << "refused: " << utils::logText(v.reason) << "\n";
     return false;
   }
   const int64_t days = (v.release.expires - now) / 86400;
@@ -342,18 +418,7 @@ int check(const std::vector<std::string>& args) {
   boost::system::error_code ec;
   boost::filesystem::remove_all(tmp, ec);
 
-  // Linux clients of every kind share a legacy directory and its version
-  // file: a kind whose package is missing for every architecture is simply
-  // not published, while one missing for a single architecture is a fault.
-  const char* const missing = "result 2: package not found (404)";
-  for (Row& r : rows) {
-    bool elsewhere = false;
-    for (const Row& other : rows) {
-      elsewhere =
-          elsewhere || (kindOf(other.platform) == kindOf(r.platform) && other.published && other.verdict != missing);
-    }
-    if (!elsewhere && !r.listed && r.verdict == missing) r = notPublished(r);
-  }
+  unpublishKindsMissingEverywhere(rows);
   print(rows, json);
   // Beside the rows, so that a --json reader still gets one array.
   bool allOk = keyFile.empty() || checkSignedRelease(server, keys, json ? std::cerr : std::cout);

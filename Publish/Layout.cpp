@@ -4,7 +4,6 @@
 #include <boost/filesystem.hpp>
 #include <fstream>
 #include <iostream>
-#include <iterator>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
@@ -102,54 +101,53 @@ void writeFile(const fs::path& path, const std::string& text) {
   if (!out.flush()) throw std::runtime_error("cannot write " + path.string());
 }
 
-}  // namespace
-
-int layout(const std::vector<std::string>& args) {
+struct Request {
   std::string outDir, version, signKey;
   int expiresDays = 90;
   bool definition = false;
   std::vector<Package> packages;
+};
+
+// The command line; 0, or the exit status of its refusal.
+int parseRequest(const std::vector<std::string>& args, Request& r) {
   for (size_t i = 0; i < args.size(); ++i) {
     const std::string& a = args[i];
     const size_t eq = a.find('=');
     if (a == "--version" && i + 1 < args.size()) {
-      version = args[++i];
+      r.version = args[++i];
     } else if (a == "--definition") {
-      definition = true;
+      r.definition = true;
     } else if (a == "--sign" && i + 1 < args.size()) {
-      signKey = args[++i];
+      r.signKey = args[++i];
     } else if (a == "--expires" && i + 1 < args.size()) {
       const std::string& days = args[++i];
-      expiresDays = days.find_first_not_of("0123456789") == std::string::npos && days.size() < 6 && !days.empty()
-                        ? std::stoi(days)
-                        : 0;
-      if (expiresDays <= 0) return refuse("--expires '" + days + "' is not a number of days");
+      r.expiresDays = days.find_first_not_of("0123456789") == std::string::npos && days.size() < 6 && !days.empty()
+                          ? std::stoi(days)
+                          : 0;
+      if (r.expiresDays <= 0) return refuse("--expires '" + days + "' is not a number of days");
     } else if (a.rfind("--", 0) != 0 && eq != std::string::npos) {
       Package pkg;
       if (!parsePlatform(a.substr(0, eq), pkg.platform)) return usage("unknown platform " + a.substr(0, eq));
       pkg.source = a.substr(eq + 1);
       pkg.name = fs::path(pkg.source).filename().string();
-      packages.push_back(pkg);
-    } else if (outDir.empty() && a.rfind("--", 0) != 0) {
-      outDir = a;
+      r.packages.push_back(pkg);
+    } else if (r.outDir.empty() && a.rfind("--", 0) != 0) {
+      r.outDir = a;
     } else {
       return usage("unexpected argument " + a);
     }
   }
-  if (outDir.empty() || packages.empty()) return usage("layout needs an output directory and at least one package");
-  if (!isPublishableVersion(version)) return refuse("version '" + version + "' is not four numbers such as 7.3.0.0");
-  if (!signKey.empty()) {
-    // A key that cannot sign is found out before anything is written.
-    try {
-      std::ifstream in(signKey, std::ios::binary);
-      release::publicKeyFile(std::string(std::istreambuf_iterator<char>(in), {}), "");
-    } catch (const std::runtime_error& e) {
-      return refuse("--sign " + signKey + ": " + e.what());
-    }
-  }
+  if (r.outDir.empty() || r.packages.empty()) return usage("layout needs an output directory and at least one package");
+  if (!isPublishableVersion(r.version))
+    return refuse("version '" + r.version + "' is not four numbers such as 7.3.0.0");
+  return 0;
+}
 
+// Every package's kind and place on the server; 0, or the exit status of
+// the refusal of what clients would misread.
+int placePackages(Request& r) {
   std::map<std::string, std::string> taken;  // server path -> argument that claimed it
-  for (Package& pkg : packages) {
+  for (Package& pkg : r.packages) {
     if (const std::string problem = utils::fileNameProblem(pkg.name); !problem.empty()) {
       return refuse("file name '" + utils::logText(pkg.name) + "' is refused by clients: " + problem);
     }
@@ -163,7 +161,7 @@ int layout(const std::vector<std::string>& args) {
       return refuse("two packages for " + pkg.platform.name + (kind.empty() ? "" : " " + kind.substr(1)));
     }
     try {
-      if (definition) {
+      if (r.definition) {
         pkg.dir = "/" + pkg.platform.name;
       } else {
         placeLegacy(pkg);
@@ -175,34 +173,51 @@ int layout(const std::vector<std::string>& args) {
     const auto [it, fresh] = taken.emplace(at, pkg.platform.name);
     if (!fresh) return refuse(pkg.platform.name + " and " + it->second + " would both be " + at + ": use --definition");
   }
+  return 0;
+}
 
-  for (const Package& pkg : packages) {
-    const fs::path dir = fs::path(outDir) / pkg.dir;
+void writeTree(const Request& r) {
+  for (const Package& pkg : r.packages) {
+    const fs::path dir = fs::path(r.outDir) / pkg.dir;
     fs::create_directories(dir);
     fs::copy_file(pkg.source, dir / pkg.name, fs::copy_options::overwrite_existing);
     // The client takes the sum up to the first blank; the comment line, which
     // checksum tools skip too, records what was published, so that check can
     // tell a version bumped without its package, or a package changed after
     // its sum was written.
-    writeFile(dir / (pkg.name + ".md5"), utils::computeMD5(pkg.source) + "  " + pkg.name + "\n# version " + version +
+    writeFile(dir / (pkg.name + ".md5"), utils::computeMD5(pkg.source) + "  " + pkg.name + "\n# version " + r.version +
                                              " size " + std::to_string(fs::file_size(pkg.source)) + "\n");
-    writeFile(dir / "version_long.txt", version + "\n");
+    writeFile(dir / "version_long.txt", r.version + "\n");
     std::cout << pkg.platform.name << ": " << pkg.dir << "/" << pkg.name << "\n";
   }
-  if (definition) {
-    writeFile(fs::path(outDir) / "agent_setup_def.json", definitionOf(packages).dump(2) + "\n");
+  if (r.definition) {
+    writeFile(fs::path(r.outDir) / "agent_setup_def.json", definitionOf(r.packages).dump(2) + "\n");
     std::cout << "definition: /agent_setup_def.json\n";
   }
-  if (!signKey.empty()) {
-    std::vector<SignedFile> files;
-    files.reserve(packages.size());
-    for (const Package& pkg : packages) {
-      files.push_back({pkg.dir.substr(1) + "/" + pkg.name, version, pkg.source, utils::agentOSWord(pkg.platform.os),
-                       utils::agentArchToString(pkg.platform.arch),
-                       utils::agentDistribToString(static_cast<utils::AgentDistrib>(pkg.distrib))});
-    }
-    signRelease(outDir, signKey, expiresDays, files);
+}
+
+std::vector<SignedFile> signedFiles(const Request& r) {
+  std::vector<SignedFile> files;
+  files.reserve(r.packages.size());
+  for (const Package& pkg : r.packages) {
+    files.push_back({pkg.dir.substr(1) + "/" + pkg.name, r.version, pkg.source, utils::agentOSWord(pkg.platform.os),
+                     utils::agentArchToString(pkg.platform.arch),
+                     utils::agentDistribToString(static_cast<utils::AgentDistrib>(pkg.distrib))});
   }
+  return files;
+}
+
+}  // namespace
+
+int layout(const std::vector<std::string>& args) {
+  Request r;
+  if (const int status = parseRequest(args, r); status != 0) return status;
+  if (const int status = placePackages(r); status != 0) return status;
+  // A key that cannot sign, or a serial that cannot grow, is found out
+  // before anything is written.
+  const Signer signer = r.signKey.empty() ? Signer() : prepareSigning(r.outDir, r.signKey);
+  writeTree(r);
+  if (!r.signKey.empty()) signRelease(r.outDir, signer, r.expiresDays, signedFiles(r));
   return 0;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -23,7 +24,9 @@ bool parsePlatform(const std::string& name, Platform& out);
 bool isPublishableVersion(const std::string& text);
 
 // The two commands; args exclude the command word. Both return the exit
-// status: 0, 1 (a check failed or a file could not be written), 2 (usage).
+// status: 0, 1 (a check failed), 2 (usage, or input clients would misread);
+// a file that cannot be read or written, or is refused (a key others can
+// read, a serial that cannot grow), throws std::runtime_error: exit 1.
 int layout(const std::vector<std::string>& args);
 int check(const std::vector<std::string>& args);
 // keygen OUT: a new private key at OUT (PEM, 0600) and its public key file
@@ -34,12 +37,22 @@ int keygen(const std::vector<std::string>& args);
 struct SignedFile {
   std::string path;  // under the server's address, no leading "/"
   std::string version;
-  std::string source;  // the file, for its size and SHA-256
+  std::string source;          // the file, for its size and SHA-256
   std::string os, arch, kind;  // the platform it is for: "linux", "amd64", "deb"
 };
-// Writes release.json (the serial after the one in outDir, expiring days
-// from now) and its signature by the private key at keyPath.
-void signRelease(const std::string& outDir, const std::string& keyPath, int days, const std::vector<SignedFile>& files);
+// What signing a release into outDir takes, found out before anything is
+// written: the private key (never readable by others), the signing time and
+// the serial. Throws std::runtime_error with a one-line reason naming the
+// file at fault.
+struct Signer {
+  std::string pem;
+  int64_t now = 0;
+  int64_t serial = 0;
+};
+Signer prepareSigning(const std::string& outDir, const std::string& keyPath);
+// Writes release.json (expiring days after the signing time) and its
+// signature.
+void signRelease(const std::string& outDir, const Signer& signer, int days, const std::vector<SignedFile>& files);
 
 // The whole file; throws std::runtime_error naming it when it cannot be read.
 std::string readText(const std::string& path);

@@ -3,11 +3,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <boost/filesystem.hpp>
+#include <cerrno>
+#include <cstring>
 #include <ctime>
 #include <fstream>
 #include <iostream>
-#include <nlohmann/json.hpp>
+#include <limits>
 #include <sstream>
 #include <stdexcept>
 
@@ -44,6 +47,37 @@ std::string fileSha256(const std::string& path) {
   return hash.hex();
 }
 
+// A word as a shell reads it back: quoted unless it is plain.
+std::string shellWord(const std::string& word) {
+  if (!word.empty() &&
+      word.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789+,-./:=@_") ==
+          std::string::npos) {
+    return word;
+  }
+  std::string quoted = "'";
+  for (const char c : word) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return quoted + "'";
+}
+
+// The serial of the release already in dir when its signature verifies with
+// the publisher's own key, else 0: nothing is taken from a file that anyone
+// could have put there.
+int64_t verifiedSerial(const fs::path& dir, const std::string& pem) {
+  const fs::path manifest = dir / "release.json";
+  const fs::path signature = dir / "release.json.minisig";
+  if (!fs::is_regular_file(manifest) || !fs::is_regular_file(signature) ||
+      fs::file_size(manifest) > release::kMaxManifest || fs::file_size(signature) > release::kMaxSignature) {
+    return 0;
+  }
+  std::vector<release::PublicKey> own;
+  release::parsePublicKeys(release::publicKeyFile(pem, ""), own);
+  // Expired still counts: the agents that accepted it hold its serial and
+  // would refuse a lower one.
+  const release::Verified v = release::verifyRelease(readText(manifest.string()), readText(signature.string()), own,
+                                                     std::numeric_limits<int64_t>::min(), 0);
+  return v.ok ? v.release.serial : 0;
+}
+
 }  // namespace
 
 std::string readText(const std::string& path) {
@@ -56,34 +90,68 @@ std::string readText(const std::string& path) {
 
 int keygen(const std::vector<std::string>& args) {
   if (args.size() != 1) return usage("keygen needs the file to write the private key to");
+  const std::string pubPath = args[0] + ".pub";
+  // Both names free before either is written: half a pair would make the
+  // next attempt fail for ever.
+  for (const std::string& path : {args[0], pubPath}) {
+    struct stat st {};
+    if (lstat(path.c_str(), &st) == 0)
+      throw std::runtime_error(path + ": it exists already, and keygen replaces no key");
+  }
   const std::string pem = release::generatePrivateKeyPem();
   const std::string pub = release::publicKeyFile(pem, "kx-publish public key");
   writeNew(args[0], pem, 0600);
-  writeNew(args[0] + ".pub", pub, 0644);
+  try {
+    writeNew(pubPath, pub, 0644);
+  } catch (const std::runtime_error&) {
+    unlink(args[0].c_str());  // taken meanwhile: no private key without its public one
+    throw;
+  }
   std::vector<release::PublicKey> keys;
   release::parsePublicKeys(pub, keys);
-  std::cout << "key " << release::keyIdText(keys.at(0).id) << ": private " << args[0] << ", public " << args[0]
-            << ".pub\n";
+  std::cout << "key " << release::keyIdText(keys.at(0).id) << ": private " << args[0] << ", public " << pubPath << "\n";
   return 0;
 }
 
-void signRelease(const std::string& outDir, const std::string& keyPath, int days,
-                 const std::vector<SignedFile>& files) {
-  const std::string pem = readText(keyPath);
+Signer prepareSigning(const std::string& outDir, const std::string& keyPath) {
+  struct stat st {};
+  if (stat(keyPath.c_str(), &st) != 0) throw std::runtime_error("--sign " + keyPath + ": " + std::strerror(errno));
+  if ((st.st_mode & (S_IRGRP | S_IROTH)) != 0) {
+    throw std::runtime_error("--sign " + keyPath + ": the private key is readable by others: chmod 600 " +
+                             shellWord(keyPath));
+  }
+  Signer signer;
+  try {
+    signer.pem = readText(keyPath);
+    release::publicKeyFile(signer.pem, "");  // a key that cannot sign is found out here
+  } catch (const std::runtime_error& e) {
+    throw std::runtime_error("--sign " + keyPath + ": " + e.what());
+  }
+  signer.now = static_cast<int64_t>(std::time(nullptr));
+  // Agents refuse a serial below the last they accepted. The signing time
+  // keeps a release laid out in a fresh directory above the one it replaces;
+  // one above the release already here keeps a second signing within the
+  // same second, or after the clock went back, above the first.
+  const int64_t existing = verifiedSerial(fs::path(outDir), signer.pem);
+  if (existing == std::numeric_limits<int64_t>::max()) {
+    throw std::runtime_error((fs::path(outDir) / "release.json").string() + ": serial " + std::to_string(existing) +
+                             " is the last there is, no release can follow it");
+  }
+  signer.serial = std::max(existing + 1, signer.now);
+  return signer;
+}
+
+void signRelease(const std::string& outDir, const Signer& signer, int days, const std::vector<SignedFile>& files) {
   release::Release r;
-  // The next serial after the one already there, so that agents take it.
-  const fs::path manifest = fs::path(outDir) / "release.json";
-  if (fs::exists(manifest)) r.serial = nlohmann::json::parse(readText(manifest.string())).at("serial").get<int64_t>();
-  ++r.serial;
-  const int64_t now = static_cast<int64_t>(std::time(nullptr));
-  r.expires = now + int64_t{days} * 86400;
+  r.serial = signer.serial;
+  r.expires = signer.now + int64_t{days} * 86400;
   for (const SignedFile& f : files) {
     r.packages.push_back({f.path, f.version, fs::file_size(f.source), fileSha256(f.source), f.os, f.arch, f.kind});
   }
   const std::string text = release::writeManifest(r);
   const std::string comment =
-      "timestamp:" + std::to_string(now) + "\tfile:release.json\tserial:" + std::to_string(r.serial);
-  const std::string signature = release::signFile(text, pem, comment);
+      "timestamp:" + std::to_string(signer.now) + "\tfile:release.json\tserial:" + std::to_string(r.serial);
+  const std::string signature = release::signFile(text, signer.pem, comment);
   for (const auto& [name, content] :
        {std::make_pair("release.json", text), std::make_pair("release.json.minisig", signature)}) {
     std::ofstream out((fs::path(outDir) / name).string(), std::ios::binary | std::ios::trunc);
