@@ -16,7 +16,8 @@
 #include "KXLog.h"
 #include "Manifest.h"
 #include "Publish.h"
-#include "Updater.h"
+#include "Setup.h"
+#include "Steps.h"
 #include "Version.h"
 #include "utils.h"
 
@@ -47,31 +48,29 @@ const Target kTargets[] = {
 struct Row {
   std::string platform, url, version, size, md5, verdict;
   int result = 0;  // the client's result code
+  int status = 0;  // the HTTP status of the request it failed on, if any
   bool published = true;
   bool listed = false;  // named by the definition file: its absence is a fault
   bool ok = false;
 };
 
-// Keeps the updater's log lines off the terminal (the rows say what counts);
-// download progress becomes one line on standard error.
-class Capture : public KXLogCb {
- public:
-  void log(unsigned int, unsigned long long, const char*, const char*, const char*, int, const char*,
-           const char* message) override {
-    const std::string text(message);
-    if (text.rfind("Loading ", 0) == 0) {
-      std::cerr << "\r" << label << ": downloading " << text.substr(8) << std::flush;
-      progress = true;
-    }
-  }
-  std::string label;
-  bool progress = false;
+// What every client of one check is given.
+struct Options {
+  std::string server, from, tmp;
+  bool download = false;
+  const steps::Keys* keys = nullptr;  // the publisher's keys, for a signed client
 };
 
-// The latest request's failure as a reason: "package not found (404)", or
-// "server unreachable (...)" when no answer came.
-std::string failure(const HttpClient& client, const std::string& what) {
-  const HttpClient::Result& r = client.lastResult();
+// Keeps the updater's log lines off the terminal: the rows say what counts.
+class Quiet : public KXLogCb {
+ public:
+  void log(unsigned int, unsigned long long, const char*, const char*, const char*, int, const char*,
+           const char*) override {}
+};
+
+// A request's failure as a reason: "package not found (404)", or "server
+// unreachable (...)" when no answer came.
+std::string failure(const HttpClient::Result& r, const std::string& what) {
   if (r.code < 0) return "server unreachable (" + r.error + ")";
   return what + (r.code == 404 ? " not found (404)" : " answered " + std::to_string(r.code));
 }
@@ -86,18 +85,11 @@ bool isLowerHex32(const std::string& s) {
   return s.size() == 32 && s.find_first_not_of("0123456789abcdef") == std::string::npos;
 }
 
-Row fail(Row row, int result, const std::string& why) {
-  row.result = result;
-  row.verdict = "result " + std::to_string(result) + ": " + why;
+Row fail(Row row, Result result, const std::string& why, int status = 0) {
+  row.result = static_cast<int>(result);
+  row.status = status;
+  row.verdict = "result " + std::to_string(row.result) + ": " + why;
   return row;
-}
-
-// The client's reasons speak of "this machine"; here it is the client
-// replayed.
-std::string asReplayed(std::string reason) {
-  const std::string machine = "this machine";
-  if (const size_t at = reason.find(machine); at != std::string::npos) reason.replace(at, machine.size(), "the client");
-  return reason;
 }
 
 Row notPublished(Row row) {
@@ -114,189 +106,220 @@ Row halfPublished(Row row, const std::string& what) {
   return row;
 }
 
+setup::Platform platformOf(const Target& t) { return setup::Platform{t.os, t.arch, t.distrib}; }
+
 // A macOS client found no directory with a version file: a package in one
 // of the places it probes is then published without it.
-std::string macPackageWithoutVersion(Updater& u, const std::string& server, int arch) {
+std::string macPackageWithoutVersion(HttpClient& http, const std::string& server, int arch) {
   const std::string archText = utils::agentArchToString(arch);
   std::map<std::string, std::string> headers;
-  for (const char* dir : *Updater::probeDirectories(archText)) {
-    for (const char* name : *Updater::probePackages(archText)) {
-      if (u.httpClient.head(server + dir + "/" + name, headers) == 0) return server + dir + "/version_long.txt";
+  for (const char* dir : *setup::probeDirectories(archText)) {
+    for (const char* name : *setup::probePackages(archText)) {
+      if (http.head(server + dir + "/" + name, headers).code == 0) return server + dir + "/version_long.txt";
     }
   }
   return std::string();
 }
 
-// What a client learns of its package before it downloads it.
-struct Facts {
-  Version available;
-  std::string md5;
-  HttpClient::Result hashAnswer;
-  std::string recordedVersion;  // as the MD5 file records it; "" when it does not
-  unsigned long long recordedSize = 0;
-  unsigned long long size = 0;
-};
-
-// The client's resolution of its package; a finished row when it ends there.
-std::optional<Row> resolve(Updater& u, const Target& t, const std::string& server, Row& row, utils::SetuParameter& p) {
-  try {
-    p = u.getAgentSetup();
-  } catch (const Updater::SetupError& e) {
-    if (u.httpClient.lastResult().code < 0) return fail(row, 11, failure(u.httpClient, ""));
-    switch (e.kind) {
-      case Updater::SetupError::Unreadable:
-        return fail(row, 11, "definition file cannot be read (" + e.detail + ")");
-      case Updater::SetupError::Refused:
-        return fail(row, 11, e.detail + ", clients refuse it");
-      case Updater::SetupError::NoSize:
-        return fail(row, 11, e.detail);
-      case Updater::SetupError::NotOffered:
-        break;
-    }
-    if (t.os == utils::Macosx && !u.definitionUsed) {
-      if (const std::string missing = macPackageWithoutVersion(u, server, t.arch); !missing.empty()) {
-        return halfPublished(row, "version file " + utils::logUrl(missing) + " is missing");
-      }
-    }
-    return notPublished(row);
+// The row of a client that found no setup.
+Row unresolved(HttpClient& http, const Target& t, const Options& o, Row row, const setup::SetupFailure& f) {
+  if (f.answer.code < 0) return fail(row, Result::NoVerifiedFile, failure(f.answer, ""));
+  switch (f.why) {
+    case setup::SetupFailure::Unreadable:
+      return fail(row, Result::NoVerifiedFile, "definition file cannot be read (" + f.detail + ")");
+    case setup::SetupFailure::Refused:
+      return fail(row, Result::NoVerifiedFile, f.detail + ", clients refuse it");
+    case setup::SetupFailure::NoSize:
+      return fail(row, Result::NoVerifiedFile, f.detail);
+    case setup::SetupFailure::NotOffered:
+      break;
   }
-  row.listed = u.definitionUsed;
-  row.url = p.setupUrl;
-  if (p.setupName.empty()) {
-    return fail(row, 2, "no package in " + utils::logUrl(p.versionUrl.substr(0, p.versionUrl.rfind('/'))));
+  if (t.os == utils::Macosx && !f.byDefinition) {
+    if (const std::string missing = macPackageWithoutVersion(http, o.server, t.arch); !missing.empty()) {
+      return halfPublished(row, "version file " + utils::logUrl(missing) + " is missing");
+    }
   }
-  return std::nullopt;
+  return notPublished(row);
 }
 
-// The version, MD5 and size steps; a finished row when the client ends there.
-std::optional<Row> fetchFacts(Updater& u, Row& row, const utils::SetuParameter& p, Facts& f) {
-  Outcome o = u.fetchAvailableVersion(p, f.available);
-  if (o.code == 2 && !row.listed && u.httpClient.lastResult().code == 404) {
+// The row of a client whose version step failed.
+Row noVersion(HttpClient& http, Row row, const setup::Setup& s, const Failure& f) {
+  if (f.result() == Result::RequestFailed && !row.listed && f.answer().code == 404) {
     // Linux kinds share one legacy directory and its version file.
     std::map<std::string, std::string> headers;
-    if (u.httpClient.head(p.setupUrl, headers) == 0) {
-      return halfPublished(row, "version file " + utils::logUrl(p.versionUrl) + " is missing");
+    if (http.head(s.params.setupUrl, headers).code == 0) {
+      return halfPublished(row, "version file " + utils::logUrl(s.params.versionUrl) + " is missing");
     }
     return notPublished(row);
   }
-  if (o.code == 2) return fail(row, 2, failure(u.httpClient, "version file"));
-  if (o.code == 5) return fail(row, 5, "published version is not four numbers");
-  row.version = f.available.toString();
+  if (f.result() == Result::RequestFailed) {
+    return fail(row, f.result(), failure(f.answer(), "version file"), f.answer().code);
+  }
+  return fail(row, f.result(), "published version is not four numbers");
+}
 
-  std::string hashFile;
-  f.md5 = u.fetchExpectedMd5(p, &hashFile);
-  f.hashAnswer = u.httpClient.lastResult();
-  row.md5 = f.md5.empty() ? "none" : isLowerHex32(f.md5) ? "ok" : "bad";
-  // What the package was published as, where kx-publish wrote it down.
+// What the MD5 file says, beside the sum: the version and size kx-publish
+// recorded in its comment line, when it did.
+struct Recorded {
+  std::string version;
+  unsigned long long size = 0;
+};
+Recorded recordedIn(const std::string& hashFile) {
+  Recorded r;
   const size_t note = hashFile.find("\n# version ");
-  char recordedVersion[64] = {};
+  char version[64] = {};
   if (note != std::string::npos &&
-      std::sscanf(hashFile.c_str() + note, "\n# version %63s size %llu", recordedVersion, &f.recordedSize) == 2) {
-    f.recordedVersion = recordedVersion;
+      std::sscanf(hashFile.c_str() + note, "\n# version %63s size %llu", version, &r.size) == 2) {
+    r.version = version;
   }
-
-  o = u.fetchExpectedSize(p, f.size);
-  if (o.code == 2) return fail(row, 2, failure(u.httpClient, "package"));
-  if (o.code == 7) {
-    const size_t colon = o.reason.find(": ");
-    return fail(row, 7, colon == std::string::npos ? o.reason : o.reason.substr(colon + 2));
-  }
-  row.size = std::to_string(f.size);
-  return std::nullopt;
+  return r;
 }
 
-// The package held to the release and to its hash file; a finished row when
-// that is where the client would end.
-std::optional<Row> judge(Updater& u, Row& row, const utils::SetuParameter& p, const Facts& f,
-                         const std::vector<release::PublicKey>* keys) {
-  // Only a package that is there is held to the release: a kind nobody
-  // published stays "not published".
-  if (keys != nullptr) {
-    u.keysPinned = true;
-    u.pinnedKeys = *keys;
-    if (Outcome r = u.checkRelease(p, f.available); !r.ok()) return fail(row, 12, asReplayed(r.reason));
-    if (Outcome r = u.matchRelease(p, f.size); !r.ok()) return fail(row, 12, r.reason);
+// The verdict of the hash file and the recorded facts, once the size is
+// known; nullopt when they hold.
+std::optional<Row> judgeHashFile(Row& row, const setup::Setup& s, const steps::HashFile& hash, uint64_t size) {
+  if (hash.answer.code == 404)
+    return halfPublished(row, "hash file " + utils::logUrl(s.params.hashUrl) + " is missing");
+  if (hash.answer.code != 0) {
+    return halfPublished(row, "hash file " + utils::logUrl(s.params.hashUrl) + " cannot be fetched (" +
+                                  (hash.answer.code < 0 ? hash.answer.error : std::to_string(hash.answer.code)) + ")");
   }
-  const HttpClient::Result& hash = f.hashAnswer;
-  if (hash.code == 404) return halfPublished(row, "hash file " + utils::logUrl(p.hashUrl) + " is missing");
-  if (hash.code != 0) {
-    return halfPublished(row, "hash file " + utils::logUrl(p.hashUrl) + " cannot be fetched (" +
-                                  (hash.code < 0 ? hash.error : std::to_string(hash.code)) + ")");
+  if (row.md5 == "bad") {
+    return fail(row, Result::NoSizeOrWrongMd5, "MD5 does not match (every client computes 32 lower-case digits)");
   }
-  if (row.md5 == "bad") return fail(row, 7, "MD5 does not match (every client computes 32 lower-case digits)");
-  if (!f.recordedVersion.empty() && f.recordedVersion != row.version) {
-    row.verdict = "version bumped without its package (published as " + f.recordedVersion + ")";
+  const Recorded recorded = recordedIn(hash.body);
+  if (!recorded.version.empty() && recorded.version != row.version) {
+    row.verdict = "version bumped without its package (published as " + recorded.version + ")";
     return row;
   }
-  if (!f.recordedVersion.empty() && f.recordedSize != f.size) {
-    row.verdict = "package changed after its MD5 file was written (" + std::to_string(f.recordedSize) + " bytes then)";
+  if (!recorded.version.empty() && recorded.size != size) {
+    row.verdict = "package changed after its MD5 file was written (" + std::to_string(recorded.size) + " bytes then)";
     return row;
   }
   return std::nullopt;
 }
 
-// The download and its checks; a finished row when they fail.
-std::optional<Row> downloadOne(Updater& u, Row& row, const utils::SetuParameter& p, const Facts& f,
-                               const std::vector<release::PublicKey>* keys, Capture& cap) {
-  const Outcome o = u.downloadVerified(p, f.size, f.md5);
-  if (cap.progress) std::cerr << "\n";
-  cap.progress = false;
+// The download and its checks, progress on standard error; nullopt when
+// they pass.
+std::optional<Row> downloadOne(HttpClient& http, Row& row, const setup::Setup& s, uint64_t size, const std::string& md5,
+                               const std::optional<steps::SignedEntry>& signedEntry) {
+  bool progressed = false;
+  const auto progress = [&](int percent) {
+    std::cerr << "\r" << utils::logText(row.platform) << ": downloading " << percent << "%" << std::flush;
+    progressed = true;
+  };
+  const Expected<HttpClient::Landed> landed =
+      steps::downloadVerified(http, s.params, size, md5, signedEntry ? unsigned{HttpClient::kSha256} : 0U, progress);
+  if (progressed) std::cerr << "\n";
   boost::system::error_code ec;
-  boost::filesystem::remove(p.setupPath, ec);
-  if (o.code == 2) return fail(row, 2, failure(u.httpClient, "package"));
-  if (o.code == 6) return fail(row, 6, "package size differs from its announced size");
-  if (o.code == 7) return fail(row, 7, "MD5 does not match");
-  if (keys != nullptr) {
-    if (Outcome r = u.acceptRelease(p); !r.ok()) return fail(row, 12, r.reason);
+  boost::filesystem::remove(s.params.setupPath, ec);
+  if (!landed.ok()) {
+    const Failure& f = landed.failure();
+    if (f.result() == Result::RequestFailed) return fail(row, f.result(), failure(f.answer(), "package"));
+    if (f.result() == Result::WrongSize) return fail(row, f.result(), "package size differs from its announced size");
+    return fail(row, f.result(), "MD5 does not match");
   }
-  if (!f.md5.empty()) row.md5 = "verified";
+  if (signedEntry) {
+    // No serial is remembered: the publisher's machine is no client.
+    if (Status a = steps::acceptRelease(*signedEntry, *landed, ""); !a.ok()) {
+      return fail(row, a.failure().result(), a.failure().reason());
+    }
+  }
+  if (!md5.empty()) row.md5 = "verified";
   return std::nullopt;
 }
 
-// keys: the publisher's public keys when the check is a signed client's.
-Row checkOne(const Target& t, const std::string& server, const std::string& from, bool download, const std::string& tmp,
-             const std::vector<release::PublicKey>* keys, Capture& cap) {
-  Row row;
-  row.platform = t.name;
-  cap.label = t.name;
-  // A client of that platform, fresh: nothing is probed but the server.
-  Updater u;
-  u.serverUrl = server;
-  u.tempDir = tmp;
-  u.os = t.os;
-  u.arch = t.arch;
-  u.distrib = t.distrib;
-  utils::SetuParameter p;
-  Facts f;
-  if (std::optional<Row> done = resolve(u, t, server, row, p)) return *done;
-  if (std::optional<Row> done = fetchFacts(u, row, p, f)) return *done;
-  if (std::optional<Row> done = judge(u, row, p, f, keys)) return *done;
-  if (download) {
-    if (std::optional<Row> done = downloadOne(u, row, p, f, keys, cap)) return *done;
+// The signed release's entry, for a package that is there: a kind nobody
+// published stays "not published" rather than failing the release check.
+std::optional<Row> signedEntryOf(HttpClient& http, const Options& o, Row& row, const setup::Setup& s,
+                                 const Version& available, std::optional<steps::SignedEntry>& out) {
+  if (o.keys == nullptr) return std::nullopt;
+  const Expected<steps::SignedEntry> e = steps::checkRelease(http, o.server, "", *o.keys, s, available);
+  if (e.ok()) {
+    out = *e;
+    return std::nullopt;
   }
+  std::map<std::string, std::string> headers;
+  const HttpClient::Result there = http.head(s.params.setupUrl, headers);
+  if (there.code == 404) return fail(row, Result::RequestFailed, failure(there, "package"), there.code);
+  return fail(row, e.failure().result(), e.failure().reason());
+}
+
+// What the client would do, given what it was offered.
+Row verdictOf(Row row, const Options& o, const Version& available) {
   row.ok = true;
-  if (from.empty()) {
+  if (o.from.empty()) {
     row.verdict = "would update to " + row.version;
-  } else if (Version::parse(from) < f.available) {
-    row.verdict = "would update " + from + " -> " + row.version;
+  } else if (Version::parse(o.from) < available) {
+    row.verdict = "would update " + o.from + " -> " + row.version;
   } else {
     row.verdict = "up to date";
   }
   return row;
 }
 
+// One platform's client, fresh: nothing is probed but the server, and it
+// takes the run's steps in the run's order.
+Row replay(const Target& t, const Options& o, Row row) {
+  HttpClient http;
+  const Expected<setup::Setup, setup::SetupFailure> s = setup::resolve(http, o.server, o.tmp, platformOf(t));
+  if (!s.ok()) return unresolved(http, t, o, row, s.failure());
+  row.listed = s->byDefinition;
+  row.url = s->params.setupUrl;
+  if (s->params.setupName.empty()) {
+    const std::string dir = s->params.versionUrl.substr(0, s->params.versionUrl.rfind('/'));
+    return fail(row, Result::RequestFailed, "no package in " + utils::logUrl(dir));
+  }
+  const Expected<Version> available = steps::fetchVersion(http, *s);
+  if (!available.ok()) return noVersion(http, row, *s, available.failure());
+  row.version = available->toString();
+  std::optional<steps::SignedEntry> signedEntry;
+  if (std::optional<Row> done = signedEntryOf(http, o, row, *s, *available, signedEntry)) return *done;
+  const steps::HashFile hash = steps::fetchHashFile(http, s->params);
+  row.md5 = hash.sum.empty() ? "none" : isLowerHex32(hash.sum) ? "ok" : "bad";
+  const Expected<uint64_t> size = steps::fetchSize(http, *s, o.tmp);
+  if (!size.ok()) {
+    const Failure& f = size.failure();
+    if (f.result() == Result::RequestFailed)
+      return fail(row, f.result(), failure(f.answer(), "package"), f.answer().code);
+    return fail(row, f.result(), f.problem());
+  }
+  row.size = std::to_string(*size);
+  if (signedEntry) {
+    if (Status m = steps::matchRelease(*signedEntry, *size); !m.ok())
+      return fail(row, m.failure().result(), m.failure().reason());
+  }
+  if (std::optional<Row> done = judgeHashFile(row, *s, hash, *size)) return *done;
+  if (o.download) {
+    if (std::optional<Row> done = downloadOne(http, row, *s, *size, hash.sum, signedEntry)) return *done;
+  }
+  return verdictOf(row, o, *available);
+}
+
+// Whatever goes wrong in one row is that row's failure, never the table's.
+Row checkOne(const Target& t, const Options& o) {
+  Row row;
+  row.platform = t.name;
+  try {
+    return replay(t, o, row);
+  } catch (const std::exception& e) {
+    return fail(row, Result::NoVerifiedFile, utils::logText(e.what()));
+  }
+}
+
 // Linux clients of every kind share a legacy directory and its version
 // file: a kind whose package is missing for every architecture is simply
 // not published, while one missing for a single architecture is a fault.
 void unpublishKindsMissingEverywhere(std::vector<Row>& rows) {
-  const char* const missing = "result 2: package not found (404)";
+  const auto missing = [](const Row& r) {
+    return r.result == static_cast<int>(Result::RequestFailed) && r.status == 404;
+  };
   for (Row& r : rows) {
     bool elsewhere = false;
     for (const Row& other : rows) {
-      elsewhere =
-          elsewhere || (kindOf(other.platform) == kindOf(r.platform) && other.published && other.verdict != missing);
+      elsewhere = elsewhere || (kindOf(other.platform) == kindOf(r.platform) && other.published && !missing(other));
     }
-    if (!elsewhere && !r.listed && r.verdict == missing) r = notPublished(r);
+    if (!elsewhere && !r.listed && missing(r)) r = notPublished(r);
   }
 }
 
@@ -351,12 +374,13 @@ bool checkSignedRelease(const std::string& server, const std::vector<release::Pu
   std::string manifest, signature;
   const std::string url = server + "/release.json";
   out << "release.json: ";
-  if (client.get(url, manifest, headers, release::kMaxManifest) != 0) {
-    out << "unsigned: " << utils::logText(failure(client, "release.json")) << "\n";
+  if (const HttpClient::Result r = client.get(url, manifest, headers, release::kMaxManifest); r.code != 0) {
+    out << "unsigned: " << utils::logText(failure(r, "release.json")) << "\n";
     return false;
   }
-  if (client.get(url + ".minisig", signature, headers, release::kMaxSignature) != 0) {
-    out << "unsigned: " << utils::logText(failure(client, "release.json.minisig")) << "\n";
+  if (const HttpClient::Result r = client.get(url + ".minisig", signature, headers, release::kMaxSignature);
+      r.code != 0) {
+    out << "unsigned: " << utils::logText(failure(r, "release.json.minisig")) << "\n";
     return false;
   }
   const int64_t now = static_cast<int64_t>(std::time(nullptr));
@@ -372,56 +396,74 @@ bool checkSignedRelease(const std::string& server, const std::vector<release::Pu
   return true;
 }
 
-}  // namespace
-
-int check(const std::vector<std::string>& args) {
-  std::string server, from, keyFile;
-  bool download = false, json = false;
+// The command line; 0, or the exit status of its refusal.
+struct Command {
+  Options options;
+  std::string keyFile;
+  bool json = false;
+};
+int parseCheck(const std::vector<std::string>& args, Command& c) {
   for (size_t i = 0; i < args.size(); ++i) {
     if (args[i] == "--from" && i + 1 < args.size()) {
-      from = args[++i];
-      if (!isPublishableVersion(from)) return refuse("--from '" + from + "' is not four numbers such as 7.2.5.0");
+      c.options.from = args[++i];
+      if (!isPublishableVersion(c.options.from)) {
+        return refuse("--from '" + c.options.from + "' is not four numbers such as 7.2.5.0");
+      }
     } else if (args[i] == "--download") {
-      download = true;
+      c.options.download = true;
     } else if (args[i] == "--key" && i + 1 < args.size()) {
-      keyFile = args[++i];
+      c.keyFile = args[++i];
     } else if (args[i] == "--json") {
-      json = true;
-    } else if (server.empty() && args[i].rfind("--", 0) != 0) {
-      server = args[i];
+      c.json = true;
+    } else if (c.options.server.empty() && args[i].rfind("--", 0) != 0) {
+      c.options.server = args[i];
     } else {
       return usage("unexpected argument " + args[i]);
     }
   }
-  if (server.empty()) return usage("check needs the server's address");
+  if (c.options.server.empty()) return usage("check needs the server's address");
   // As the updater's command line does: one trailing slash goes.
-  if (server.back() == '/') server.pop_back();
-  std::vector<release::PublicKey> keys;
-  if (!keyFile.empty()) {
-    if (const std::string problem = release::parsePublicKeys(readText(keyFile), keys); !problem.empty()) {
-      return refuse(keyFile + ": " + problem);
-    }
-  }
+  if (c.options.server.back() == '/') c.options.server.pop_back();
+  return 0;
+}
 
+// Every platform's row, each client in a temporary directory of the check's
+// own and with the updater's log kept quiet.
+std::vector<Row> checkAll(Options o) {
   const boost::filesystem::path tmp =
       boost::filesystem::temp_directory_path() / boost::filesystem::unique_path("kx-publish-%%%%%%%%");
   boost::filesystem::create_directory(tmp);
-  Capture cap;
+  o.tmp = tmp.string();
+  Quiet quiet;
   KXLog* log = KXLog::getLogger();
   log->setLevels("ROOT:5;");
-  log->setLogCb(&cap);
+  log->setLogCb(&quiet);
   std::vector<Row> rows;
-  for (const Target& t : kTargets) {
-    rows.push_back(checkOne(t, server, from, download, tmp.string(), keyFile.empty() ? nullptr : &keys, cap));
-  }
+  for (const Target& t : kTargets) rows.push_back(checkOne(t, o));
   log->setLogCb(nullptr);
   boost::system::error_code ec;
   boost::filesystem::remove_all(tmp, ec);
-
   unpublishKindsMissingEverywhere(rows);
-  print(rows, json);
+  return rows;
+}
+
+}  // namespace
+
+int check(const std::vector<std::string>& args) {
+  Command c;
+  if (const int status = parseCheck(args, c); status != 0) return status;
+  steps::Keys keys;
+  if (!c.keyFile.empty()) {
+    if (const std::string problem = release::parsePublicKeys(readText(c.keyFile), keys.keys); !problem.empty()) {
+      return refuse(c.keyFile + ": " + problem);
+    }
+    keys.pinned = true;
+    c.options.keys = &keys;
+  }
+  const std::vector<Row> rows = checkAll(c.options);
+  print(rows, c.json);
   // Beside the rows, so that a --json reader still gets one array.
-  bool allOk = keyFile.empty() || checkSignedRelease(server, keys, json ? std::cerr : std::cout);
+  bool allOk = c.keyFile.empty() || checkSignedRelease(c.options.server, keys.keys, c.json ? std::cerr : std::cout);
   bool anyPublished = false;
   for (const Row& r : rows) {
     anyPublished = anyPublished || r.published;

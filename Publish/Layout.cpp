@@ -12,7 +12,7 @@
 
 #include "Manifest.h"
 #include "Publish.h"
-#include "Updater.h"
+#include "Setup.h"
 #include "utils.h"
 
 namespace fs = boost::filesystem;
@@ -42,29 +42,23 @@ bool kindFitsOs(int distrib, int os) {
 // Where a client without a definition file looks: the legacy layouts, and
 // on macOS the first directory and package name its probe tries.
 void placeLegacy(Package& pkg) {
-  Updater u;
-  u.os = pkg.platform.os;
-  u.arch = pkg.platform.arch;
-  u.distrib = pkg.distrib;
-  if (u.os == utils::Macosx) {
-    const std::string archText = utils::agentArchToString(u.arch);
-    pkg.dir = Updater::probeDirectories(archText)->front();
-    for (const char* name : *Updater::probePackages(archText)) {
+  const setup::Platform platform{pkg.platform.os, pkg.platform.arch, pkg.distrib};
+  if (platform.os == utils::Macosx) {
+    const std::string archText = utils::agentArchToString(platform.arch);
+    pkg.dir = setup::probeDirectories(archText)->front();
+    for (const char* name : *setup::probePackages(archText)) {
       if (utils::stringToAgentDistrib(name) != pkg.distrib) continue;
       pkg.name = name;
       return;
     }
     throw std::logic_error("the probe tries no " + pkg.name);
   }
-  utils::SetuParameter p;
-  try {
-    u.os == utils::Windows ? u.fillDefaultSetupParamForWindows(p) : u.fillDefaultSetupParamForLinux(p);
-  } catch (const std::runtime_error&) {
-  }
-  if (p.setupUrl.empty())
+  const Expected<utils::SetuParameter, setup::SetupFailure> p = setup::legacyParams(platform, "", "");
+  if (!p.ok() || p->setupUrl.empty()) {
     throw std::invalid_argument(pkg.platform.name + " " + pkg.name + " has no legacy layout: use --definition");
-  pkg.dir = fs::path(p.setupUrl).parent_path().string();
-  pkg.name = p.setupName;
+  }
+  pkg.dir = fs::path(p->setupUrl).parent_path().string();
+  pkg.name = p->setupName;
 }
 
 nlohmann::json definitionOf(const std::vector<Package>& packages) {
@@ -83,12 +77,10 @@ nlohmann::json definitionOf(const std::vector<Package>& packages) {
   // Read back as each client reads it: its own entry must be the one it takes.
   const std::string text = entries.dump(2);
   for (const Package& pkg : packages) {
-    Updater u;
-    u.os = pkg.platform.os;
-    u.arch = pkg.platform.arch;
-    u.distrib = pkg.platform.os == utils::Windows ? utils::Exe : pkg.distrib;
-    const utils::AgentSetupDef def = u.parseAgentSetupCfg(text);
-    if (def.setup != pkg.name || def.path != pkg.dir) {
+    const setup::Platform platform{pkg.platform.os, pkg.platform.arch,
+                                   pkg.platform.os == utils::Windows ? utils::Exe : pkg.distrib};
+    const Expected<utils::AgentSetupDef, std::string> def = setup::pickEntry(platform, text);
+    if (!def.ok() || def->setup != pkg.name || def->path != pkg.dir) {
       throw std::logic_error("a " + pkg.platform.name + " client would not take " + pkg.name);
     }
   }

@@ -165,11 +165,24 @@ const char kHeadStatusFailure[] = "Failed to get  http status code [";
 
 constexpr long kDownloadBufferSize = 256L * 1024;
 
+const char* const kNoHandle = "no connection could be made";
+
+// A download's progress: the last percentage, and who else hears the steps
+// the log reports.
+struct ProgressState {
+  int lastPercent;
+  const HttpClient::Progress* notify;
+};
+
 // libcurl reports progress in curl_off_t; the client's callback keeps the
 // long-based signature the rest of the code base knows.
 int xferInfoAdapter(void* clientp, curl_off_t dltotal, curl_off_t dlnow, curl_off_t ultotal, curl_off_t ulnow) {
-  return HttpClient::progressCb(clientp, static_cast<long>(dltotal), static_cast<long>(dlnow),
-                                static_cast<long>(ultotal), static_cast<long>(ulnow));
+  auto& state = *static_cast<ProgressState*>(clientp);
+  const int before = state.lastPercent;
+  HttpClient::progressCb(&state.lastPercent, static_cast<long>(dltotal), static_cast<long>(dlnow),
+                         static_cast<long>(ultotal), static_cast<long>(ulnow));
+  if (*state.notify && state.lastPercent > before && state.lastPercent % 10 == 0) (*state.notify)(state.lastPercent);
+  return 0;
 }
 
 // A text body and the most of it that is kept. Version, sum and definition
@@ -235,9 +248,9 @@ HttpClient::HttpClient() : handle(nullptr), initialised(false) {}
 // What every request does once perform has returned. A download's file is
 // closed after a failure has been logged, and before the status is judged,
 // so that the caller finds it complete on disk whatever the outcome.
-int HttpClient::finish(int code, const std::string& url, const char* statusFailure, FILE* file) {
+HttpClient::Result HttpClient::finish(int code, const std::string& url, const char* statusFailure, FILE* file) {
   const auto rc = static_cast<CURLcode>(code);
-  last = Result{-1, std::string()};
+  Result last{-1, std::string()};
   // Followed on purpose (mirrors, CDNs), but a server that sends root's
   // requests to another host, an internal service say, is worth a line.
   char* effective = nullptr;
@@ -252,7 +265,7 @@ int HttpClient::finish(int code, const std::string& url, const char* statusFailu
     KXLOG(KXLM_ROOT, KXLL_ERR,
           "Request " << utils::logUrl(url) << " failed : [" << static_cast<int>(rc) << "] -> " << last.error);
     if (file != nullptr) std::fclose(file);
-    return -1;
+    return last;
   }
   long status = 0;
   const CURLcode info = curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &status);
@@ -260,13 +273,12 @@ int HttpClient::finish(int code, const std::string& url, const char* statusFailu
     last.error = curl_easy_strerror(info);
     KXLOG(KXLM_ROOT, KXLL_ERR, statusFailure << static_cast<int>(info) << "] -> " << last.error);
     if (file != nullptr) std::fclose(file);
-    return -1;
+    return last;
   }
   if (file != nullptr) std::fclose(file);
   last.code = status == 200 ? 0 : static_cast<int>(status);
-  if (status == 200) return 0;
-  KXLOG(KXLM_ROOT, KXLL_ERR, "Request " << utils::logUrl(url) << " failed : [" << status << "]");
-  return static_cast<int>(status);
+  if (status != 200) KXLOG(KXLM_ROOT, KXLL_ERR, "Request " << utils::logUrl(url) << " failed : [" << status << "]");
+  return last;
 }
 
 HttpClient::~HttpClient() {
@@ -312,16 +324,14 @@ void HttpClient::cleanup() {
 
 void HttpClient::setConfig(const std::string& prefix) { config = prefix; }
 
-int HttpClient::get(const std::string& url, std::string& body, std::map<std::string, std::string>& headers) {
+HttpClient::Result HttpClient::get(const std::string& url, std::string& body,
+                                   std::map<std::string, std::string>& headers) {
   return get(url, body, headers, kMaxTextBody);
 }
 
-int HttpClient::get(const std::string& url, std::string& body, std::map<std::string, std::string>& headers,
-                    size_t maxBody) {
-  if (!init()) {
-    last = Result{-1, "no connection could be made"};
-    return -1;
-  }
+HttpClient::Result HttpClient::get(const std::string& url, std::string& body,
+                                   std::map<std::string, std::string>& headers, size_t maxBody) {
+  if (!init()) return Result{-1, kNoHandle};
   body.clear();
   headers.clear();
   curl_easy_setopt(handle, CURLOPT_URL, (config + url).c_str());
@@ -332,16 +342,13 @@ int HttpClient::get(const std::string& url, std::string& body, std::map<std::str
   curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, &HttpClient::readHeadersCb);
   curl_easy_setopt(handle, CURLOPT_HEADERDATA, &headers);
   curl_easy_setopt(handle, CURLOPT_TIMEOUT, textSeconds);
-  const int rc = finish(curl_easy_perform(handle), url, kGetStatusFailure, nullptr);
-  if (target.over) last.error = "the body is larger than " + std::to_string(maxBody) + " bytes";
-  return rc;
+  Result result = finish(curl_easy_perform(handle), url, kGetStatusFailure, nullptr);
+  if (target.over) result.error = "the body is larger than " + std::to_string(maxBody) + " bytes";
+  return result;
 }
 
-int HttpClient::head(const std::string& url, std::map<std::string, std::string>& headers) {
-  if (!init()) {
-    last = Result{-1, "no connection could be made"};
-    return -1;
-  }
+HttpClient::Result HttpClient::head(const std::string& url, std::map<std::string, std::string>& headers) {
+  if (!init()) return Result{-1, kNoHandle};
   headers.clear();
   curl_easy_setopt(handle, CURLOPT_URL, (config + url).c_str());
   // The write function stays whatever the previous request set: without a
@@ -353,24 +360,19 @@ int HttpClient::head(const std::string& url, std::map<std::string, std::string>&
   return finish(curl_easy_perform(handle), url, kHeadStatusFailure, nullptr);
 }
 
-int HttpClient::download(const std::string& url, const std::string& path, std::map<std::string, std::string>& headers,
-                         uint64_t limit, Landed* landed, unsigned sums) {
-  if (!init()) {
-    last = Result{-1, "no connection could be made"};
-    return -1;
-  }
+HttpClient::Result HttpClient::download(const std::string& url, const std::string& path,
+                                        std::map<std::string, std::string>& headers, uint64_t limit, Landed* landed,
+                                        unsigned sums, const Progress& progress) {
+  if (!init()) return Result{-1, kNoHandle};
   headers.clear();
   curl_easy_setopt(handle, CURLOPT_URL, (config + url).c_str());
   // One byte past the limit is kept, so that the file is of the wrong size
   // rather than a plausible prefix of something longer.
   DownloadTarget target(limit == kNoLimit ? kNoLimit : limit + 1, sums);
   FILE* file = openForDownload(path);
-  if (file == nullptr) {
-    last = Result{-1, "cannot open " + path};
-    return -1;
-  }
+  if (file == nullptr) return Result{-1, "cannot open " + path};
   target.writeTo(file);
-  int lastPercent = 0;
+  ProgressState steps{0, &progress};
   curl_easy_setopt(handle, CURLOPT_NOBODY, 0L);
   curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, &writeToTarget);
   curl_easy_setopt(handle, CURLOPT_WRITEDATA, &target);
@@ -378,7 +380,7 @@ int HttpClient::download(const std::string& url, const std::string& path, std::m
   curl_easy_setopt(handle, CURLOPT_HEADERDATA, &headers);
   curl_easy_setopt(handle, CURLOPT_NOPROGRESS, 0L);
   curl_easy_setopt(handle, CURLOPT_XFERINFOFUNCTION, &xferInfoAdapter);
-  curl_easy_setopt(handle, CURLOPT_XFERINFODATA, &lastPercent);
+  curl_easy_setopt(handle, CURLOPT_XFERINFODATA, &steps);
   // A package may take long on a slow link: only the low-speed limit applies.
   curl_easy_setopt(handle, CURLOPT_TIMEOUT, 0L);
   // Packages run to hundreds of megabytes. libcurl's 16 KiB default costs a

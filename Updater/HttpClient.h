@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <map>
 #include <string>
 
@@ -14,12 +15,23 @@ typedef void CURL;
 // reused by every request, so connections stay alive between the requests of
 // a run. Synchronous and not thread-safe: one thread at a time.
 //
-// Every request returns 0 for a completed transfer with status 200, the status
-// for any other completed transfer, and -1 when the handle could not be made,
-// the transfer failed, the status could not be read or (download) the file
-// could not be opened. Failures are logged at ERR for ROOT; nothing throws.
+// Every request returns its Result: code 0 for a completed transfer with
+// status 200, the status for any other completed transfer, and -1 when the
+// handle could not be made, the transfer failed, the status could not be read
+// or (download) the file could not be opened, with the reason beside it.
+// Failures are logged at ERR for ROOT; nothing throws.
 class HttpClient {
  public:
+  // A request's outcome as a value; it reads as its code wherever the int
+  // the program has always compared is wanted.
+  struct Result {
+    int code = 0;
+    std::string error;                     // why no answer came (code -1), or why a body was cut
+    operator int() const { return code; }  // NOLINT(google-explicit-constructor)
+  };
+  // Told each ten percent of a download that the log reports.
+  using Progress = std::function<void(int percent)>;
+
   HttpClient();
   virtual ~HttpClient();
   HttpClient(const HttpClient&) = delete;
@@ -36,12 +48,12 @@ class HttpClient {
 
   // Body into `body`, response headers (of every response of a redirect chain,
   // the last value winning) into `headers`. Both are emptied first.
-  int get(const std::string& url, std::string& body, std::map<std::string, std::string>& headers);
+  Result get(const std::string& url, std::string& body, std::map<std::string, std::string>& headers);
   // get for a body of at most maxBody bytes; a longer one fails the request
   // (-1) before more than that is kept.
-  int get(const std::string& url, std::string& body, std::map<std::string, std::string>& headers, size_t maxBody);
+  Result get(const std::string& url, std::string& body, std::map<std::string, std::string>& headers, size_t maxBody);
   // Headers only; no body is transferred.
-  int head(const std::string& url, std::map<std::string, std::string>& headers);
+  Result head(const std::string& url, std::map<std::string, std::string>& headers);
   // What a download left at its path, read from the descriptor it wrote
   // rather than from the path, which by then could name another file.
   struct Landed {
@@ -64,18 +76,11 @@ class HttpClient {
   // With landed, it receives what the file holds once the file was opened,
   // and the sums asked for (Sums), computed while it is written from each
   // step that reached the file (MD5 by a second thread, joined before the
-  // call returns).
+  // call returns). progress, when given, hears each "Loading" step.
   static constexpr uint64_t kNoLimit = ~uint64_t{0};
-  int download(const std::string& url, const std::string& path, std::map<std::string, std::string>& headers,
-               uint64_t limit = kNoLimit, Landed* landed = nullptr, unsigned sums = 0);
-
-  // The latest request's result and, when its transfer failed, libcurl's
-  // reason; for a caller that explains a failure beyond its number.
-  struct Result {
-    int code = 0;
-    std::string error;
-  };
-  const Result& lastResult() const { return last; }
+  Result download(const std::string& url, const std::string& path, std::map<std::string, std::string>& headers,
+                  uint64_t limit = kNoLimit, Landed* landed = nullptr, unsigned sums = 0,
+                  const Progress& progress = Progress());
 
   // Bounds that keep a slow or silent server from holding a run for ever:
   // every request is abandoned when fewer than kLowSpeedBytes a second
@@ -103,12 +108,11 @@ class HttpClient {
   static int progressCb(void* clientp, long dltotal, long dlnow, long ultotal, long ulnow);
 
  private:
-  int finish(int rc, const std::string& url, const char* statusFailure, FILE* file);
+  Result finish(int rc, const std::string& url, const char* statusFailure, FILE* file);
 
   CURL* handle;
   std::string config;
   bool initialised;
-  Result last;
   long lowSpeedSeconds = kLowSpeedSeconds;
   long textSeconds = kTextSeconds;
 };

@@ -235,8 +235,9 @@ Verified verifyRelease(const std::string& manifest, const std::string& signature
   }
   // An id is only 8 bytes, and anyone may make a key with the id of a
   // pinned one: every key with the id is tried, not just the first.
-  const auto key = std::find_if(keys.begin(), keys.end(),
-                                [&](const PublicKey& k) { return k.id == id && ed25519Verify(k.key.data(), message, raw); });
+  const auto key = std::find_if(keys.begin(), keys.end(), [&](const PublicKey& k) {
+    return k.id == id && ed25519Verify(k.key.data(), message, raw);
+  });
   if (key == keys.end()) return refuse("signature does not verify");
   const std::string comment = l[2].substr(std::string(kTrusted).size());
   if (!ed25519Verify(key->key.data(), signedBytes + comment, reinterpret_cast<const unsigned char*>(global.data()))) {

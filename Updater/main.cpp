@@ -42,12 +42,10 @@ std::string instanceProblem(const std::string& name) {
   return std::string();
 }
 
-// The agent's configuration directory, once logging found it.
-std::string g_configDir;
-
-// The log directory, or "" for no file log. What was refused on the way is
-// added to refusals, to be reported once the log is there.
-std::string logDirectory(std::vector<std::string>& refusals) {
+// The agent's configuration directory ("<root>" or "<root>.<instance>"). An
+// instance name that is refused is added to refusals, to be reported once the
+// log is there.
+std::string configDirectory(std::vector<std::string>& refusals) {
   char instance[1024] = {};
   if (osal_getEnv("KX_AGENT_INSTANCE", instance, sizeof instance) != 0) instance[0] = '\0';
   if (const std::string problem = instanceProblem(instance); !problem.empty()) {
@@ -56,9 +54,14 @@ std::string logDirectory(std::vector<std::string>& refusals) {
   }
   char confDir[1056] = {};
   std::snprintf(confDir, sizeof confDir, "%s%s%s", utils::configRoot(), instance[0] != '\0' ? "." : "", instance);
-  g_configDir = confDir;
+  return confDir;
+}
+
+// The log directory for the configuration directory, or "" for no file log.
+// What was refused on the way is added to refusals.
+std::string logDirectory(const std::string& confDir, std::vector<std::string>& refusals) {
   char confFile[2048] = {};
-  std::snprintf(confFile, sizeof confFile, "%s%s", confDir, "/dbdir.cfg");
+  std::snprintf(confFile, sizeof confFile, "%s%s", confDir.c_str(), "/dbdir.cfg");
   char dbDir[1024] = {};
   if (osal_getconfstr(confFile, dbDir, sizeof dbDir) != 0) dbDir[0] = '\0';
   if (dbDir[0] != '\0') {
@@ -81,34 +84,35 @@ std::string logDirectory(std::vector<std::string>& refusals) {
   return !ec && utils::directoryProblem(dir).empty() ? dir : std::string();
 }
 
-// Where the log, and the run record beside it, go; "" for nowhere.
-std::string g_logDir;
+// Where the agent's configuration and the log (and the run record beside
+// it) are; "" for none.
+struct Places {
+  std::string configDir;
+  std::string logDir;
+};
 
-// An empty directory (no usable temporary directory) leaves the sink without
-// a file rather than writing into whatever the working directory is; the
-// echo still works.
-void init_logging(bool echo) {
+// An empty log directory (no usable temporary directory) leaves the sink
+// without a file rather than writing into whatever the working directory is;
+// the echo still works.
+Places init_logging(bool echo) {
   KXLog* log = KXLog::getLogger();
-  if (log == nullptr) return;
+  if (log == nullptr) return Places();
   log->setLevels("ROOT:5;");
   std::vector<std::string> refusals;
-  const std::string dir = g_logDir = logDirectory(refusals);
-  g_KXLogCb =
-      new FileKXLogCb(dir.empty() ? std::string() : (boost::filesystem::path(dir) / kLogFileName).string(), echo);
+  Places places;
+  places.configDir = configDirectory(refusals);
+  places.logDir = logDirectory(places.configDir, refusals);
+  g_KXLogCb = new FileKXLogCb(
+      places.logDir.empty() ? std::string() : (boost::filesystem::path(places.logDir) / kLogFileName).string(), echo);
   log->setLogCb(g_KXLogCb);
   for (const std::string& refusal : refusals) utils::reportRefusal(refusal);
+  return places;
 }
 
-// The record of the run, beside its log. A failure to write it is the
-// log's last line.
-void recordRun(RunRecord& record, const std::string& version, long long start) {
-  if (g_logDir.empty()) return;
-  record.installedVersion = version;
-  record.startMs = start;
-  record.endMs = static_cast<long long>(KXSys::timeMs());
-  if (const std::string problem = record.write(g_logDir); !problem.empty()) {
-    KXLOG(KXLM_ROOT, KXLL_ERR, "Run record not written: " << problem);
-  }
+// The record of a run that ended outside the Updater, beside the log.
+void recordRun(const Places& places, const RunEnd& end, const std::string& version, long long start) {
+  if (places.logDir.empty()) return;
+  RunRecord{start, static_cast<long long>(KXSys::timeMs()), version, end}.keep(places.logDir);
 }
 
 // Nothing may log into the sink once it is gone.
@@ -116,6 +120,29 @@ void closeLogging() {
   if (g_KXLogCb == nullptr) return;
   if (KXLog* log = KXLog::getLogger()) log->setLogCb(nullptr);
   delete g_KXLogCb;
+}
+
+// One run for the decoded address; what escapes it is recorded too.
+int runOnce(const Places& places, bool restartOnly, const std::string& url, const std::string& version) {
+  const auto start = static_cast<long long>(KXSys::timeMs());
+  try {
+    std::string decoded = utils::decodeURL(url);
+    if (!decoded.empty() && decoded.back() == '/') decoded.pop_back();
+    Updater updater(restartOnly, places.configDir, places.logDir);
+    return updater.checkAndUpdate(decoded, version);
+  } catch (const std::exception& e) {
+    std::cout << e.what();
+    const RunEnd end = RunEnd::escaped(utils::logText(e.what()));
+    recordRun(places, end, version, start);
+    return end.exitStatus();
+  } catch (const KXException& e) {
+    // The address decodes to more than the 4095 characters a URL may have:
+    // exit status 1, as for a command line that cannot be used.
+    std::cerr << "Invalid server address (error " << e.getCode() << ")" << std::endl;
+    const RunEnd end = RunEnd::failed(Failure(Result::NotRoot, "server address too long to decode"), Facts());
+    recordRun(places, end, version, start);
+    return end.exitStatus();
+  }
 }
 
 }  // namespace
@@ -133,46 +160,14 @@ int main(int argc, char** argv) {
     std::cout << "Usage : " << std::endl << "update [-D] <url> <version>" << std::endl;
     return 1;
   }
-
-  std::string url;
-  std::string version;
-  bool restartOnly = false;
-  if (argc == 3) {
-    init_logging(false);
-    url = argv[1];
-    version = argv[2];
-  } else if (std::strcmp(argv[1], "-D") == 0 || std::strcmp(argv[1], "-S") == 0) {
-    restartOnly = argv[1][1] == 'S';
-    init_logging(true);
-    url = argv[2];
-    version = argv[3];
-  }
   // Any other four-argument form runs with an empty address and version and
   // no log file; the run's own checks end it.
-
-  const long long start = static_cast<long long>(KXSys::timeMs());
-  RunRecord record;
-  int result = 0;
-  try {
-    std::string decoded = utils::decodeURL(url);
-    if (!decoded.empty() && decoded.back() == '/') decoded.pop_back();
-    Updater updater(restartOnly);
-    updater.configDir = g_configDir;
-    result = updater.checkAndUpdate(decoded, version);
-    recordRun(updater.record, version, start);
-  } catch (const std::exception& e) {
-    std::cout << e.what();
-    record.outcome = Outcome::failed(0, std::string("exception: ") + utils::logText(e.what()));
-    record.action = "failed";
-    recordRun(record, version, start);
-  } catch (const KXException& e) {
-    // The address decodes to more than the 4095 characters a URL may have.
-    std::cerr << "Invalid server address (error " << e.getCode() << ")" << std::endl;
-    record.outcome = Outcome::failed(1, "server address too long to decode");
-    record.action = "failed";
-    recordRun(record, version, start);
-    result = 1;
-  }
+  const bool echo = argc == 4 && (std::strcmp(argv[1], "-D") == 0 || std::strcmp(argv[1], "-S") == 0);
+  const bool restartOnly = echo && argv[1][1] == 'S';
+  const Places places = argc == 3 || echo ? init_logging(echo) : Places();
+  const std::string url = argc == 3 ? argv[1] : echo ? argv[2] : "";
+  const std::string version = argc == 3 ? argv[2] : echo ? argv[3] : "";
+  const int result = runOnce(places, restartOnly, url, version);
   closeLogging();
   return result;
 }

@@ -25,8 +25,9 @@
 #include "KXException.h"
 #include "KXLog.h"
 #include "KXSys.h"
+#include "LockFile.h"
 #include "Manifest.h"
-#include "Updater.h"
+#include "Setup.h"
 #include "utils.h"
 
 namespace {
@@ -70,11 +71,12 @@ std::string trim(const std::string& s) {
 // one past the known codes each so that unknown values are reached too.
 void agent_setup_def(const std::string& in) {
   if (in.size() < 3) return;
-  Updater up;
+  setup::Platform up;
   up.os = static_cast<uint8_t>(in[0] - '0') % 5;
   up.arch = static_cast<uint8_t>(in[1] - '0') % 6;
   up.distrib = static_cast<uint8_t>(in[2] - '0') % 8;
-  const utils::AgentSetupDef d = up.parseAgentSetupCfg(in.substr(3));
+  const Expected<utils::AgentSetupDef, std::string> picked = setup::pickEntry(up, in.substr(3));
+  const utils::AgentSetupDef d = picked.ok() ? *picked : utils::AgentSetupDef();
   // On Linux only these package kinds have install commands.
   const bool linuxKind = up.distrib == utils::Deb || up.distrib == utils::Rpm || up.distrib == utils::Spk;
   const bool fits = up.os == utils::Windows
@@ -164,7 +166,7 @@ void number_parse(const std::string& in) {
 // in front of it.
 void lock_file(const std::string& in) {
   try {
-    (void)Updater::lockTime(in);
+    (void)lockfile::parseTime(in);
   } catch (const std::length_error&) {
     require(std::min(in.find('\n'), in.size()) > 4096, "only a first line over 4096 bytes is too long");
   } catch (const std::invalid_argument&) {
@@ -172,7 +174,7 @@ void lock_file(const std::string& in) {
   }
   long long t = 0;
   std::memcpy(&t, in.data(), std::min(in.size(), sizeof t));
-  require(Updater::lockTime("\t" + std::to_string(t) + " \n" + in) == t,
+  require(lockfile::parseTime("\t" + std::to_string(t) + " \n" + in) == t,
           "a written time reads back, blanks and later lines aside");
 }
 

@@ -79,7 +79,8 @@ TEST(Release, EveryPinnedKeyWithTheSignaturesIdIsTried) {
   const std::string manifest = release::writeManifest(r);
   const std::string signature = release::signFile(manifest, signer, "serial:3");
   std::vector<release::PublicKey> keys;
-  ASSERT_EQ(release::parsePublicKeys(release::publicKeyFile(other, "o") + release::publicKeyFile(signer, "s"), keys), "");
+  ASSERT_EQ(release::parsePublicKeys(release::publicKeyFile(other, "o") + release::publicKeyFile(signer, "s"), keys),
+            "");
   keys[0].id = keys[1].id;
   EXPECT_TRUE(release::verifyRelease(manifest, signature, keys, 0, 0).ok);
   keys.pop_back();

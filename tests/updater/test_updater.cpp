@@ -14,9 +14,9 @@
 #include <string>
 #include <vector>
 
-#include "ShellCommand.h"
 #include "TestSupport.h"
 #include "Updater.h"
+#include "utils/ShellCommand.h"
 
 using Lines = std::vector<std::string>;
 
@@ -115,19 +115,17 @@ TEST(Install, DisplayLibrariesPerPlatformAndPackageKind) {
   for (const auto& row : {std::make_pair(utils::Linux, utils::Rpm), std::make_pair(utils::Linux, utils::Spk),
                           std::make_pair(utils::Windows, utils::Exe)}) {
     ScopedLogCapture cap;
-    Updater up;
-    up.os = row.first;
-    up.distrib = row.second;
     utils::SetuParameter p;
     p.setupPath = bin.file("a.rpm");  // the verified download the installer is given
     writeFile(p.setupPath, "rpm");
     struct stat st {};
     ASSERT_EQ(stat(p.setupPath.c_str(), &st), 0);
-    up.landed = HttpClient::Landed{3, static_cast<uint64_t>(st.st_dev), static_cast<uint64_t>(st.st_ino), "", ""};
+    const HttpClient::Landed landed{3, static_cast<uint64_t>(st.st_dev), static_cast<uint64_t>(st.st_ino), "", ""};
     p.stopCmd = "systemctl stop";
     p.installCmd = "rpm -U /t/a.rpm";
     p.startCmd = "systemctl start";
-    up.installAgent(p, Version(7, 1, 5, 3), Version(7, 3, 0, 0));
+    const setup::Platform platform{row.first, utils::X64, row.second};
+    steps::installAgent({platform, p, landed, Version(7, 1, 5, 3), Version(7, 3, 0, 0), false});
     EXPECT_EQ(readFile(bin.file("calls")),
               "systemctl stop\n" + (row.second == utils::Rpm ? dnf : "") + "rpm -U /t/a.rpm\nsystemctl start\n");
     EXPECT_EQ(cap.contains("X11 not found"), row.second == utils::Spk);
@@ -173,7 +171,10 @@ TEST(Utils, ServerTextIsEscapedIntoValidInertUtf8) {
   const std::pair<std::string, std::string> rows[] = {
       {"caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80", "caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80"},
       {"a\nb\tc\x1b[0m\x7f", "a\\nb\\tc\\x1b[0m\\x7f"},
-      {"\xc2\x9b""31m \xc2\x80 \xc2\xa0", "\\xc2\\x9b""31m \\xc2\\x80 \xc2\xa0"},  // C1 controls; U+00A0 is none
+      {"\xc2\x9b"
+       "31m \xc2\x80 \xc2\xa0",
+       "\\xc2\\x9b"
+       "31m \\xc2\\x80 \xc2\xa0"},                                  // C1 controls; U+00A0 is none
       {"\xff\xc3(\xe2\x82 \xc0\xaf \xed\xa0\x80 \xf4\x90\x80\x80",  // stray, cut short, overlong, surrogate, > U+10FFFF
        "\\xff\\xc3(\\xe2\\x82 \\xc0\\xaf \\xed\\xa0\\x80 \\xf4\\x90\\x80\\x80"},
       {cut + "\xc3\xa9", cut + "..."},  // never cut through a character

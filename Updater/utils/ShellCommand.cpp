@@ -1,4 +1,4 @@
-#include "ShellCommand.h"
+#include "utils/ShellCommand.h"
 
 #include <algorithm>
 #include <cstring>

@@ -1,0 +1,95 @@
+// The update run as a sequence of steps: each takes what the earlier ones
+// learned and returns what it learned, or the failure that ends the run.
+#include <exception>
+
+#include "KXLog.h"
+#include "KXSys.h"
+#include "RunRecord.h"
+#include "Updater.h"
+
+int Updater::checkAndUpdate(const std::string& url, const std::string& version) {
+  const auto startMs = static_cast<long long>(KXSys::timeMs());
+  KXLOG(KXLM_ROOT, KXLL_NFY, "Check Update");
+  KXLOG(KXLM_ROOT, KXLL_NFY, "Current version : " << version);
+  KXLOG(KXLM_ROOT, KXLL_NFY, "Udpate server : " << utils::logUrl(url));
+  const LockVerdict lock = takeLock();
+  const RunEnd end = lock.proceed ? run(url, version) : RunEnd::locked(lock.why);
+  if (end.freesLock(restartOnly)) removeLockFile();
+  keepRecord(end, version, startMs);
+  return end.exitStatus();
+}
+
+RunEnd Updater::run(const std::string& url, const std::string& version) {
+  // Each failure is logged at ERR by the step that meets it; the failure
+  // carries the same fact up as a value.
+  Facts facts;
+  try {
+    serverUrl = url;
+    const Expected<steps::Machine> machine = steps::probeMachine(version);
+    if (!machine.ok()) return RunEnd::failed(machine.failure(), facts);
+    os = machine->platform.os;
+    distrib = machine->platform.distrib;
+    tempDir = machine->tempDir;
+    arch = machine->platform.arch;
+    // A machine that pins release keys must have usable ones before it asks
+    // the server anything: it never falls back to unsigned updates.
+    const Expected<steps::Keys> keys = steps::loadPinnedKeys(_configDir);
+    if (!keys.ok()) return RunEnd::failed(keys.failure(), facts);
+    const Expected<setup::Setup> setup = steps::resolveSetup(httpClient, url, *machine);
+    if (!setup.ok()) return RunEnd::failed(setup.failure(), facts);
+    distrib = setup->platform.distrib;
+    facts.packageUrl = setup->params.setupUrl;
+    const Expected<Version> available = steps::fetchVersion(httpClient, *setup);
+    if (!available.ok()) return RunEnd::failed(available.failure(), facts);
+    facts.offeredVersion = available->toString();
+    if (!(machine->current < *available)) {
+      KXLOG(KXLM_ROOT, KXLL_NFY, "Current version is up to date. Nothing to do");
+      return RunEnd::upToDate(
+          "the installed " + machine->current.toString() + " is not older than the published " + facts.offeredVersion,
+          facts);
+    }
+    return update(*machine, *keys, *setup, *available, facts);
+  } catch (const std::exception& e) {
+    KXLOG(KXLM_ROOT, KXLL_ERR, "Exception : " << utils::logText(e.what()));
+    return RunEnd::failed(Failure(Result::NoVerifiedFile, utils::logText(e.what())), facts);
+  }
+}
+
+RunEnd Updater::update(const steps::Machine& machine, const steps::Keys& keys, const setup::Setup& setup,
+                       const Version& available, Facts& facts) {
+  std::optional<steps::SignedEntry> signedEntry;
+  if (keys.pinned) {
+    Expected<steps::SignedEntry> e = steps::checkRelease(httpClient, serverUrl, _configDir, keys, setup, available);
+    if (!e.ok()) return RunEnd::failed(e.failure(), facts);
+    signedEntry = *e;
+  }
+  const steps::HashFile hashFile = steps::fetchHashFile(httpClient, setup.params);
+  const Expected<uint64_t> size = steps::fetchSize(httpClient, setup, machine.tempDir);
+  if (!size.ok()) return RunEnd::failed(size.failure(), facts);
+  facts.packageSize = *size;
+  if (signedEntry) {
+    // Before a byte is downloaded.
+    if (Status s = steps::matchRelease(*signedEntry, *size); !s.ok()) return RunEnd::failed(s.failure(), facts);
+  }
+  const Expected<HttpClient::Landed> landed = steps::downloadVerified(httpClient, setup.params, *size, hashFile.sum,
+                                                                      signedEntry ? unsigned{HttpClient::kSha256} : 0U);
+  if (!landed.ok()) return RunEnd::failed(landed.failure(), facts);
+  if (signedEntry) {
+    if (Status s = steps::acceptRelease(*signedEntry, *landed, _configDir); !s.ok()) {
+      steps::removeDownload(setup.params.setupPath, *landed);
+      return RunEnd::failed(s.failure(), facts);
+    }
+  }
+  const Expected<utils::SetuParameter> prepared = steps::prepareInstall(setup, *landed);
+  if (!prepared.ok()) return RunEnd::failed(prepared.failure(), facts);
+  const steps::Install install{setup.platform, *prepared, *landed, machine.current, available, restartOnly};
+  if (Status s = steps::installAgent(install); !s.ok()) return RunEnd::failed(s.failure(), facts);
+  KXLOG(KXLM_ROOT, KXLL_NFY, "Agent Update done");
+  return RunEnd::done(restartOnly, facts);
+}
+
+void Updater::keepRecord(const RunEnd& end, const std::string& version, long long startMs) const {
+  if (_recordDir.empty()) return;
+  const RunRecord record{startMs, static_cast<long long>(KXSys::timeMs()), version, end};
+  record.keep(_recordDir);
+}

@@ -1,0 +1,138 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "HttpClient.h"
+#include "Manifest.h"
+#include "Outcome.h"
+#include "Setup.h"
+#include "Version.h"
+
+// The steps of an update run, in the order the run takes them. Each takes
+// what it needs and returns what it learned, or a Failure with the run's
+// result; each logs as the run always has, the failure at ERR where it is
+// met. kx-publish check calls the same steps in the same order to judge a
+// server as a client would.
+namespace steps {
+
+using setup::Platform;
+using setup::Setup;
+
+// What the run finds out about the machine before it asks the server
+// anything.
+struct Machine {
+  Platform platform;  // os and, on Windows and Linux, the package kind
+  Version current;    // the installed version
+  std::string tempDir;
+  std::string archText;  // as logged: "arm64" when an x86_64 build runs translated
+  bool emulated = false;
+};
+// The operating system, root (1), the installed version (4), the temporary
+// directory (11) and the architecture (3), in that order.
+Expected<Machine> probeMachine(const std::string& installedVersion);
+
+// The keys pinned in configDir/update-keys: none when there is no key file
+// (or no configDir); 12 when there is one that is not root's alone or holds
+// no usable key: such a machine never falls back to unsigned updates.
+struct Keys {
+  bool pinned = false;
+  std::vector<release::PublicKey> keys;
+};
+Expected<Keys> loadPinnedKeys(const std::string& configDir);
+
+// The setup for the machine (setup::resolve), with the native installer on a
+// translated Mac, and the lines that show it in the log; 11 when there is
+// none, after "Exception : " and its text.
+Expected<Setup> resolveSetup(HttpClient& client, const std::string& serverUrl, const Machine& machine);
+
+// The published version (from the macOS probe or the version file): 2
+// (request failed) or 5 (not a version).
+Expected<Version> fetchVersion(HttpClient& client, const Setup& setup);
+
+// The signed release's entry for the package (release.json and its
+// signature from serverUrl): 12 when either cannot be fetched, the release
+// does not verify against the keys, has expired or is older than the serial
+// last accepted in configDir, or has no entry for the package's path, one for
+// another platform, or another version than the one published.
+struct SignedEntry {
+  release::Entry entry;
+  int64_t serial = 0;
+  std::string path;  // the package's path as the release names it
+};
+Expected<SignedEntry> checkRelease(HttpClient& client, const std::string& serverUrl, const std::string& configDir,
+                                   const Keys& keys, const Setup& setup, const Version& available);
+// The package's path under the server's address as a release names it
+// ("linux/amd64/setup.deb"): no leading "/", file names decoded.
+std::string packagePath(const std::string& serverUrl, const utils::SetuParameter& p);
+// Why a release's entry is not for the platform of the setup, or "". One
+// that names no platform is taken only at a path of the platform's legacy
+// layout.
+std::string platformProblem(const release::Entry& entry, const Platform& platform, const std::string& path);
+
+// The hash file: the sum up to its first blank ("" when there is none to
+// check against: no blank, or the file could not be fetched), the file as
+// served, and the answer of its request. Never a failure: without a sum the
+// download is checked on its size alone.
+struct HashFile {
+  std::string sum;
+  std::string body;
+  HttpClient::Result answer;
+};
+HashFile fetchHashFile(HttpClient& client, const utils::SetuParameter& p);
+
+// The package's size (from the probe or a HEAD request): 2 or 7 (none, or
+// one refused: above kMaxPackageSize, or more than tempDir has room for).
+constexpr unsigned long long kMaxPackageSize = 8ULL << 30;
+constexpr unsigned long long kFreeSpaceMargin = 16ULL << 20;
+Expected<uint64_t> fetchSize(HttpClient& client, const Setup& setup, const std::string& tempDir);
+
+// A size against the signed entry's (12): the announced one before
+// downloading, the landed one after.
+Status matchRelease(const SignedEntry& signedEntry, uint64_t size);
+
+// Up to three downloads to p.setupPath until one has the size and, when a
+// sum is given, the sum: 2 (a download failed), 6 (size), 7 (sum) or 11.
+// The file of a failed download is removed. sums adds HttpClient::kSha256.
+Expected<HttpClient::Landed> downloadVerified(HttpClient& client, const utils::SetuParameter& p, uint64_t size,
+                                              const std::string& md5, unsigned sums,
+                                              const HttpClient::Progress& progress = HttpClient::Progress());
+// Why path is no longer the file that landed (another file put in its
+// place, a link, a second name, writable by others), or "".
+std::string landedProblem(const std::string& path, const HttpClient::Landed& landed);
+// Removes path if it is still the file that landed, never one that
+// something else put there.
+void removeDownload(const std::string& path, const HttpClient::Landed& landed);
+
+// After the download: its size and SHA-256 against the signed entry (12),
+// then the release's serial remembered in configDir/update-serial.
+Status acceptRelease(const SignedEntry& signedEntry, const HttpClient::Landed& landed, const std::string& configDir);
+
+// The parameters that install the landed package: a disk image must still
+// be the verified file (11) and is attached (9), which completes the install
+// command with the package inside it and names the device to detach.
+Expected<utils::SetuParameter> prepareInstall(const Setup& setup, const HttpClient::Landed& landed);
+
+// Stops the agent, installs the package (unless restartOnly), detaches a
+// disk image and starts the agent again on every path, whatever signal
+// arrives meanwhile. Failures of the commands are logged and do not change
+// the result; a package that is no longer the verified file is not
+// installed (11).
+struct Install {
+  Platform platform;
+  utils::SetuParameter params;
+  HttpClient::Landed landed;
+  Version current;
+  Version available;
+  bool restartOnly = false;
+};
+Status installAgent(const Install& install);
+// Display libraries that agents from 7.2.0.0 on need on Linux, for the
+// package kind.
+void installXcbDeps(int distrib);
+// The installation lines it runs, byte for byte.
+const char* aptXcbLine();
+const char* dnfXcbLine();
+
+}  // namespace steps
