@@ -76,17 +76,6 @@ bool RunEnd::freesLock(bool restartOnly) const {
 }
 
 const char* RunEnd::actionWord() const {
-  switch (action) {
-    case Action::Updated:
-      return "updated";
-    case Action::Restarted:
-      return "restarted";
-    case Action::UpToDate:
-      return "up to date";
-    case Action::Locked:
-      return "locked";
-    case Action::Failed:
-      break;
-  }
-  return "failed";
+  static const char* const kWords[] = {"updated", "restarted", "up to date", "locked", "failed"};
+  return kWords[static_cast<size_t>(action)];
 }

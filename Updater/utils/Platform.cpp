@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <iterator>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
@@ -14,6 +15,17 @@ namespace utils {
 namespace {
 
 constexpr size_t kSysInfoBufferSize = 1025;
+
+// The texts of the codes, by code; 0 has none.
+const char* const kArchNames[] = {nullptr, "amd64", "arm64", "x86", "arm"};
+const char* const kDistribNames[] = {nullptr, "deb", "rpm", "exe", "pkg", "dmg", "spk"};
+const char* const kOsNames[] = {nullptr, "Windows", "Macosx", "Linux"};
+const char* const kOsWords[] = {nullptr, "windows", "macos", "linux"};
+
+template <size_t N>
+const char* named(const char* const (&names)[N], int code, const char* other) {
+  return code > 0 && static_cast<size_t>(code) < N ? names[code] : other;
+}
 
 // The JSON library converts a float to int with a plain cast, which is
 // undefined beyond int's range ("os": 1e70 in a served file). Such a value is
@@ -61,77 +73,22 @@ AgentArch stringToAgentArch(const std::string& s) {
   return Unknown;
 }
 
-const char* agentArchToString(int arch) {
-  switch (arch) {
-    case X64:
-      return "amd64";
-    case Arm64:
-      return "arm64";
-    case X86:
-      return "x86";
-    case Arm:
-      return "arm";
-    default:
-      return "none";
-  }
-}
+const char* agentArchToString(int arch) { return named(kArchNames, arch, "none"); }
 
 AgentDistrib stringToAgentDistrib(const std::string& fileName) {
   const size_t dot = fileName.rfind('.');
   const std::string ext = dot == std::string::npos ? fileName : fileName.substr(dot + 1);
-  if (ext == "exe") return Exe;
-  if (ext == "deb") return Deb;
-  if (ext == "rpm") return Rpm;
-  if (ext == "dmg") return Dmg;
-  if (ext == "pkg") return Pkg;
-  if (ext == "spk") return Spk;
+  for (size_t d = 1; d < std::size(kDistribNames); ++d) {
+    if (ext == kDistribNames[d]) return static_cast<AgentDistrib>(d);
+  }
   return None;
 }
 
-const char* agentDistribToString(AgentDistrib d) {
-  switch (d) {
-    case Deb:
-      return "deb";
-    case Rpm:
-      return "rpm";
-    case Exe:
-      return "exe";
-    case Pkg:
-      return "pkg";
-    case Dmg:
-      return "dmg";
-    case Spk:
-      return "spk";
-    default:
-      return "None";
-  }
-}
+const char* agentDistribToString(AgentDistrib d) { return named(kDistribNames, d, "None"); }
 
-const char* agentOSToString(int os) {
-  switch (os) {
-    case Windows:
-      return "Windows";
-    case Macosx:
-      return "Macosx";
-    case Linux:
-      return "Linux";
-    default:
-      return "Unkown";
-  }
-}
+const char* agentOSToString(int os) { return named(kOsNames, os, "Unkown"); }
 
-const char* agentOSWord(int os) {
-  switch (os) {
-    case Windows:
-      return "windows";
-    case Macosx:
-      return "macos";
-    case Linux:
-      return "linux";
-    default:
-      return "";
-  }
-}
+const char* agentOSWord(int os) { return named(kOsWords, os, ""); }
 
 bool isDebian() {
   struct stat st {};
