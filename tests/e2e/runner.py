@@ -18,6 +18,7 @@ NGINX_CONF = """pid nginx.pid; worker_processes 1; events {{}} http {{ types {{ 
   log_format kx '$request_method $request_uri $status $http_user_agent'; access_log access.log kx; client_body_temp_path body;
   proxy_temp_path proxy; fastcgi_temp_path fastcgi; uwsgi_temp_path uwsgi; scgi_temp_path scgi; server {{ listen 127.0.0.1:{port};
   root "{root}"; location / {{ try_files $uri =404; }} }} }}"""
+STOP = 5  # seconds any one stop may take: a process that outlasts it is killed, and the case fails saying so
 FROZEN = 1767225600000  # what the wall clock reads under "frozen": 2026-01-01 00:00:00 UTC
 LOG_LINE = re.compile(r"\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\] - [A-Z]{4}:[A-Z]{3} - \[ \([^:]*:\d+\)\] - (.*)")
 XCB = ("libxrender1 libxcb1 libxcb-render0 libxcb-render-util0 libxcb-shape0 libxcb-randr0 libxcb-xfixes0 libxcb-xkb1 libxcb-sync1 "
@@ -37,6 +38,22 @@ FLOWS = {
                 install="installer -target / -pkg '/Volumes/Kx Agent/set.pkg'", detach="hdiutil detach /dev/disk4s1",
                 start=f"launchctl load {PLIST}", update="attach stop install detach start")),
 }
+
+
+def ended(p, timeout):  # within the timeout
+    try:
+        p.wait(timeout)
+        return True
+    except subprocess.TimeoutExpired:
+        return False
+
+
+# p's pid names its group for as long as p is not reaped, so killpg reaches nothing else; a process that leads no group goes alone.
+def kill_group(p):
+    try:
+        os.killpg(p.pid, signal.SIGKILL)
+    except ProcessLookupError:
+        p.kill()
 
 
 # Words at blanks; shell quoting only where the text has quotes, so that an unquoted \n stays as written.
@@ -212,12 +229,23 @@ class Case:
         Path(d, "nginx.conf").write_text(NGINX_CONF.format(port=self.listener.getsockname()[1], root=root))
         self.nginx = subprocess.Popen(["setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups", "--pdeathsig=TERM", "nginx", "-p",
                                        d + "/", "-c", "nginx.conf", "-e", "error.log"], env={"NGINX": f"{fd};", "PATH": "/usr/sbin:/usr/bin"},
-                                      pass_fds=(fd, ), stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+                                      pass_fds=(fd, ), stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                                      start_new_session=True)
 
+    # A TERM that comes while the master is still starting (a case that asks nothing stops it milliseconds after the start) only
+    # sets a flag, which the master reads when the next signal wakes it from sigsuspend: TERM again until it is gone.
     def stop_nginx(self):
-        if self.nginx:
-            self.nginx.poll() is None or self.failures.append("nginx ended: " + Path(self.path("nginx", "error.log")).read_text()[-2000:])
-            self.nginx, _ = None, self.nginx.terminate() or self.nginx.wait()
+        if p := self.nginx:
+            self.nginx = None
+            p.poll() is None or self.failures.append("nginx ended: " + Path(self.path("nginx", "error.log")).read_text()[-2000:])
+            for _ in range(STOP * 4):
+                p.terminate()
+                if ended(p, 0.25):
+                    break
+            else:
+                self.failures.append(f"nginx did not stop within {STOP} s of SIGTERM")
+                kill_group(p)  # its worker too, which a master that ends of itself has ended first
+                ended(p, STOP) or self.failures.append(f"nginx still there {STOP} s after SIGKILL")
         log = Path(self.path("nginx", "access.log"))
         for method, uri, status, agent in (line.split(" ", 3) for line in (log.read_text("latin-1").splitlines() if log.exists() else [])):
             self.requests.append(f"{method} {uri}")
