@@ -324,6 +324,9 @@ class Case:
         def child():
             # A program that writes without end fills a file only up to the limit
             # (the sandbox may live in memory), and gets EFBIG rather than a signal.
+            # A group of its own from the start, mounts included (the program makes
+            # one itself only once it runs): a kill reaches all that the run started.
+            os.setpgid(0, 0)
             os.umask(umask)
             signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
             resource.setrlimit(resource.RLIMIT_FSIZE, (fsize, fsize))
@@ -334,7 +337,7 @@ class Case:
         procs = [subprocess.Popen(cmd, stdin=stdin_r, stdout=gone_w if o.get("stdout") == "gone" else subprocess.PIPE,
                                   stderr=subprocess.PIPE, env=env, cwd=self.T, preexec_fn=child) for _ in range(int(o.get("parallel", 1)))]
         [os.close(fd) for fd in (stdin_r, gone_w)]
-        self.batch = [self.wait(p, float(o.get("timeout", 60))) for p in procs]
+        self.batch = [self.wait(p, float(o.get("timeout", 60)), "the program") for p in procs]
         os.close(stdin_w)
 
     # kx-publish in the case's directory; each <platform>=<name> gets a package
@@ -347,20 +350,28 @@ class Case:
                 Path(args[i].split("=", 1)[1]).write_bytes(self.package)
         p = subprocess.Popen([os.path.join(self.bindir, "kx-publish"), *args], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
                              cwd=self.dir, env=dict(os.environ, TMPDIR=self.T), start_new_session=True)
-        self.batch = [self.wait(p, 60)]
+        self.batch = [self.wait(p, 60, "kx-publish")]
         if args[0] == "layout" and self.batch[0][0] == "0":
             self.routes, self.opts["lenient"] = {}, True
             self.serve_tree(self.path(args[1]))
 
-    @staticmethod
-    def wait(p, timeout):
+    # Its status and output; past the timeout, or when its output stays open after it ended, "timeout" and all of its group killed.
+    def wait(self, p, timeout, what):
         try:
             out, err = p.communicate(timeout=timeout)
             status = p.returncode if p.returncode >= 0 else f"signal {-p.returncode}"
         except subprocess.TimeoutExpired:
-            os.killpg(p.pid, signal.SIGKILL)  # the program leads its own process group
-            (out, err), status = p.communicate(), "timeout"
-        return str(status), (out or b"").decode("latin-1"), err.decode("latin-1")
+            if os.waitid(os.P_PID, p.pid, os.WEXITED | os.WNOHANG | os.WNOWAIT):  # not reaping it keeps its group's id its own
+                self.failures.append(f"{what} ended but its output stayed open for {timeout:.0f} s: something it started holds it")
+            kill_group(p)
+            status = "timeout"
+            try:
+                out, err = p.communicate(timeout=STOP)
+            except subprocess.TimeoutExpired:  # held by a process outside the group, or one that does not die
+                self.failures.append(f"{what}: {'output still open' if p.poll() is not None else 'still there'} {STOP} s after SIGKILL")
+                [f.close() for f in (p.stdout, p.stderr) if f]
+                out, err = b"", b""
+        return str(status), (out or b"").decode("latin-1"), (err or b"").decode("latin-1")
 
     def messages(self):
         log = Path(self.where(self.opts.get("logfile", "agent_upd.log")))
