@@ -18,7 +18,10 @@ NGINX_CONF = """pid nginx.pid; worker_processes 1; events {{}} http {{ types {{ 
   log_format kx '$request_method $request_uri $status $http_user_agent'; access_log access.log kx; client_body_temp_path body;
   proxy_temp_path proxy; fastcgi_temp_path fastcgi; uwsgi_temp_path uwsgi; scgi_temp_path scgi; server {{ listen 127.0.0.1:{port};
   root "{root}"; location / {{ try_files $uri =404; }} }} }}"""
-STOP = 5  # seconds any one stop may take: a process that outlasts it is killed, and the case fails saying so
+# Seconds: what all the waits of one case may take together, and what any one stop may take (a process that outlasts it is
+# killed). A case needs a few; the budget and the stops after it stay below ctest's TIMEOUT (120), so that a stuck case is
+# told here, with what it waited for.
+BUDGET, STOP = 80, 5
 FROZEN = 1767225600000  # what the wall clock reads under "frozen": 2026-01-01 00:00:00 UTC
 LOG_LINE = re.compile(r"\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\] - [A-Z]{4}:[A-Z]{3} - \[ \([^:]*:\d+\)\] - (.*)")
 XCB = ("libxrender1 libxcb1 libxcb-render0 libxcb-render-util0 libxcb-shape0 libxcb-randr0 libxcb-xfixes0 libxcb-xkb1 libxcb-sync1 "
@@ -105,8 +108,8 @@ class Server(ThreadingHTTPServer):
         self.case = case
         if tls:
             key, cert = case.path("key.pem"), case.path("cert.pem")
-            subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes",
-                            "-keyout", key, "-out", cert, "-subj", "/CN=127.0.0.1", "-days", "2"], check=True, capture_output=True)
+            subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-keyout",
+                            key, "-out", cert, "-subj", "/CN=127.0.0.1", "-days", "2"], check=True, capture_output=True, timeout=30)
             ctx = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
             ctx.load_cert_chain(cert, key)
             self.socket = ctx.wrap_socket(self.socket, server_side=True)
@@ -160,6 +163,7 @@ class Handler(BaseHTTPRequestHandler):
 
 class Case:
     def __init__(self, bindir, lines):
+        self.deadline = time.monotonic() + BUDGET
         # On a memory file system where there is one: deleting files from a disk
         # mounted with discard costs more than the run itself.
         self.dir = tempfile.mkdtemp(prefix="kx-case-", dir="/dev/shm" if os.access("/dev/shm", os.W_OK) else None)
@@ -355,14 +359,18 @@ class Case:
             self.routes, self.opts["lenient"] = {}, True
             self.serve_tree(self.path(args[1]))
 
-    # Its status and output; past the timeout, or when its output stays open after it ended, "timeout" and all of its group killed.
+    # Its status and output; past the timeout (or the case's budget), or when its output stays open after it ended, "timeout" and
+    # all of its group killed.
     def wait(self, p, timeout, what):
+        bound = max(0, min(timeout, self.deadline - time.monotonic()))
         try:
-            out, err = p.communicate(timeout=timeout)
+            out, err = p.communicate(timeout=bound)
             status = p.returncode if p.returncode >= 0 else f"signal {-p.returncode}"
         except subprocess.TimeoutExpired:
             if os.waitid(os.P_PID, p.pid, os.WEXITED | os.WNOHANG | os.WNOWAIT):  # not reaping it keeps its group's id its own
-                self.failures.append(f"{what} ended but its output stayed open for {timeout:.0f} s: something it started holds it")
+                self.failures.append(f"{what} ended but its output stayed open for {bound:.0f} s: something it started holds it")
+            elif bound < timeout:
+                self.failures.append(f"{what} was still running when the case had used up its {BUDGET} s")
             kill_group(p)
             status = "timeout"
             try:
@@ -440,7 +448,7 @@ class Case:
         elif key == "file":
             path, kind, arg = self.where(words[0]), words[1], " ".join(words[2:])
             st = os.lstat(path) if os.path.lexists(path) else None
-            content = lambda: open(path, "rb").read()
+            content = lambda: open(path, "rb").read() if stat.S_ISREG(st.st_mode) else None  # a FIFO's open would wait for a writer
             ok = {"absent": lambda: st is None, "exists": lambda: True, "link": lambda: stat.S_ISLNK(st.st_mode),
                   "dir": lambda: stat.S_ISDIR(st.st_mode), "package": lambda: content() == self.package,
                   "text": lambda: content() == unescape(self.subst(arg)), "mode": lambda: stat.S_IMODE(st.st_mode) == int(arg, 8),
@@ -450,6 +458,17 @@ class Case:
                 self.failures.append(f"file {path}: expected {kind} {arg}")
         elif key not in ("last", "nolog"):
             raise SystemExit(f"unknown line: {key} {rest}")
+
+    # Also after an error of the runner itself: nothing stays behind, and no stop waits without a bound.
+    def close(self):
+        self.stopping.set()
+        self.stop_nginx()
+        # A client stuck in its TLS handshake would hold the serving thread: the handshake is part of its accept().
+        stops = [threading.Thread(target=s.shutdown, daemon=True) for s in self.servers]
+        [t.start() for t in stops]
+        [t.join(STOP) for t in stops]
+        any(t.is_alive() for t in stops) and self.failures.append(f"the test server did not stop within {STOP} s")
+        self.servers = []
 
     def invariants(self):
         self.stop_nginx()
@@ -492,8 +511,11 @@ def setup(case, key, rest):
         case.set_flow(case.flow["name"])
     elif key == "serve":
         case.route(*words)
-    elif key == "sh":  # in the case's directory
-        subprocess.run(["bash", "-ec", case.subst(rest)], cwd=case.dir, check=True, stdout=subprocess.DEVNULL)
+    elif key == "sh":  # in the case's directory; one that fails is an error of the case
+        p = subprocess.Popen(["bash", "-ec", case.subst(rest)], cwd=case.dir, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                             stderr=subprocess.PIPE, start_new_session=True)
+        status, _, err = case.wait(p, 60, "sh")
+        status == "0" or sys.exit("\n".join([f"sh {rest}: exit {status}", *case.failures, err]))
     elif key == "pin":  # a file of the case's directory as the agent's pinned keys
         os.makedirs(case.path("etc/kx/conf"), exist_ok=True)
         os.chmod(shutil.copy(case.path(words[0]), case.path("etc/kx/conf/update-keys")), int((words[1:] or ["644"])[0], 8))
@@ -539,20 +561,21 @@ def main():
     try:
         case.set_flow("linux")
         for key, rest in lines + [("", "")]:  # a case that runs nothing itself runs "run" before its first check
+            if time.monotonic() > case.deadline:
+                case.failures.append(f"the case used up its {BUDGET} s before: {key or 'the invariants'} {rest}")
+                break
             if not setup(case, key, rest):
                 case.batch or case.run(["$URL", "7.2.0.1"])
                 case.check(key, rest) if key else case.invariants()
+        case.close()
         if case.failures:
             status, out, err = case.batch[-1] if case.batch else ("-", "", "")
             print(f"FAILED {name} (exit {status})", *("- " + f for f in case.failures), "--- log ---", *case.messages(),
                   "--- calls ---", *case.calls(), "--- requests ---", *case.requests, "--- stdout ---", out[:5000],
                   "--- stderr ---", err[:5000], sep="\n")
         return 1 if case.failures else 0
-    finally:  # also after an error of the runner itself: nothing stays behind
-        case.stopping.set()
-        case.stop_nginx()
-        for s in case.servers:
-            s.shutdown()
+    finally:
+        case.close()
         os.environ.get("KX_KEEP") or shutil.rmtree(case.dir, ignore_errors=True)
 
 
