@@ -18,6 +18,10 @@ NGINX_CONF = """pid nginx.pid; worker_processes 1; events {{}} http {{ types {{ 
   log_format kx '$request_method $request_uri $status $http_user_agent'; access_log access.log kx; client_body_temp_path body;
   proxy_temp_path proxy; fastcgi_temp_path fastcgi; uwsgi_temp_path uwsgi; scgi_temp_path scgi; server {{ listen 127.0.0.1:{port};
   root "{root}"; location / {{ try_files $uri =404; }} }} }}"""
+# Seconds: what all the waits of one case may take together, and what any one stop may take (a process that outlasts it is
+# killed). A case needs a few; the budget and the stops after it stay below ctest's TIMEOUT (120), so that a stuck case is
+# told here, with what it waited for.
+BUDGET, STOP = 80, 5
 FROZEN = 1767225600000  # what the wall clock reads under "frozen": 2026-01-01 00:00:00 UTC
 LOG_LINE = re.compile(r"\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\] - [A-Z]{4}:[A-Z]{3} - \[ \([^:]*:\d+\)\] - (.*)")
 XCB = ("libxrender1 libxcb1 libxcb-render0 libxcb-render-util0 libxcb-shape0 libxcb-randr0 libxcb-xfixes0 libxcb-xkb1 libxcb-sync1 "
@@ -37,6 +41,22 @@ FLOWS = {
                 install="installer -target / -pkg '/Volumes/Kx Agent/set.pkg'", detach="hdiutil detach /dev/disk4s1",
                 start=f"launchctl load {PLIST}", update="attach stop install detach start")),
 }
+
+
+def ended(p, timeout):  # within the timeout
+    try:
+        p.wait(timeout)
+        return True
+    except subprocess.TimeoutExpired:
+        return False
+
+
+# p's pid names its group for as long as p is not reaped, so killpg reaches nothing else; a process that leads no group goes alone.
+def kill_group(p):
+    try:
+        os.killpg(p.pid, signal.SIGKILL)
+    except ProcessLookupError:
+        p.kill()
 
 
 # Words at blanks; shell quoting only where the text has quotes, so that an unquoted \n stays as written.
@@ -88,8 +108,8 @@ class Server(ThreadingHTTPServer):
         self.case = case
         if tls:
             key, cert = case.path("key.pem"), case.path("cert.pem")
-            subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes",
-                            "-keyout", key, "-out", cert, "-subj", "/CN=127.0.0.1", "-days", "2"], check=True, capture_output=True)
+            subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-keyout",
+                            key, "-out", cert, "-subj", "/CN=127.0.0.1", "-days", "2"], check=True, capture_output=True, timeout=30)
             ctx = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
             ctx.load_cert_chain(cert, key)
             self.socket = ctx.wrap_socket(self.socket, server_side=True)
@@ -143,6 +163,7 @@ class Handler(BaseHTTPRequestHandler):
 
 class Case:
     def __init__(self, bindir, lines):
+        self.deadline = time.monotonic() + BUDGET
         # On a memory file system where there is one: deleting files from a disk
         # mounted with discard costs more than the run itself.
         self.dir = tempfile.mkdtemp(prefix="kx-case-", dir="/dev/shm" if os.access("/dev/shm", os.W_OK) else None)
@@ -212,12 +233,23 @@ class Case:
         Path(d, "nginx.conf").write_text(NGINX_CONF.format(port=self.listener.getsockname()[1], root=root))
         self.nginx = subprocess.Popen(["setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups", "--pdeathsig=TERM", "nginx", "-p",
                                        d + "/", "-c", "nginx.conf", "-e", "error.log"], env={"NGINX": f"{fd};", "PATH": "/usr/sbin:/usr/bin"},
-                                      pass_fds=(fd, ), stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+                                      pass_fds=(fd, ), stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                                      start_new_session=True)
 
+    # A TERM that comes while the master is still starting (a case that asks nothing stops it milliseconds after the start) only
+    # sets a flag, which the master reads when the next signal wakes it from sigsuspend: TERM again until it is gone.
     def stop_nginx(self):
-        if self.nginx:
-            self.nginx.poll() is None or self.failures.append("nginx ended: " + Path(self.path("nginx", "error.log")).read_text()[-2000:])
-            self.nginx, _ = None, self.nginx.terminate() or self.nginx.wait()
+        if p := self.nginx:
+            self.nginx = None
+            p.poll() is None or self.failures.append("nginx ended: " + Path(self.path("nginx", "error.log")).read_text()[-2000:])
+            for _ in range(STOP * 4):
+                p.terminate()
+                if ended(p, 0.25):
+                    break
+            else:
+                self.failures.append(f"nginx did not stop within {STOP} s of SIGTERM")
+                kill_group(p)  # its worker too, which a master that ends of itself has ended first
+                ended(p, STOP) or self.failures.append(f"nginx still there {STOP} s after SIGKILL")
         log = Path(self.path("nginx", "access.log"))
         for method, uri, status, agent in (line.split(" ", 3) for line in (log.read_text("latin-1").splitlines() if log.exists() else [])):
             self.requests.append(f"{method} {uri}")
@@ -296,6 +328,9 @@ class Case:
         def child():
             # A program that writes without end fills a file only up to the limit
             # (the sandbox may live in memory), and gets EFBIG rather than a signal.
+            # A group of its own from the start, mounts included (the program makes
+            # one itself only once it runs): a kill reaches all that the run started.
+            os.setpgid(0, 0)
             os.umask(umask)
             signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
             resource.setrlimit(resource.RLIMIT_FSIZE, (fsize, fsize))
@@ -306,7 +341,7 @@ class Case:
         procs = [subprocess.Popen(cmd, stdin=stdin_r, stdout=gone_w if o.get("stdout") == "gone" else subprocess.PIPE,
                                   stderr=subprocess.PIPE, env=env, cwd=self.T, preexec_fn=child) for _ in range(int(o.get("parallel", 1)))]
         [os.close(fd) for fd in (stdin_r, gone_w)]
-        self.batch = [self.wait(p, float(o.get("timeout", 60))) for p in procs]
+        self.batch = [self.wait(p, float(o.get("timeout", 60)), "the program") for p in procs]
         os.close(stdin_w)
 
     # kx-publish in the case's directory; each <platform>=<name> gets a package
@@ -319,20 +354,32 @@ class Case:
                 Path(args[i].split("=", 1)[1]).write_bytes(self.package)
         p = subprocess.Popen([os.path.join(self.bindir, "kx-publish"), *args], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
                              cwd=self.dir, env=dict(os.environ, TMPDIR=self.T), start_new_session=True)
-        self.batch = [self.wait(p, 60)]
+        self.batch = [self.wait(p, 60, "kx-publish")]
         if args[0] == "layout" and self.batch[0][0] == "0":
             self.routes, self.opts["lenient"] = {}, True
             self.serve_tree(self.path(args[1]))
 
-    @staticmethod
-    def wait(p, timeout):
+    # Its status and output; past the timeout (or the case's budget), or when its output stays open after it ended, "timeout" and
+    # all of its group killed.
+    def wait(self, p, timeout, what):
+        bound = max(0, min(timeout, self.deadline - time.monotonic()))
         try:
-            out, err = p.communicate(timeout=timeout)
+            out, err = p.communicate(timeout=bound)
             status = p.returncode if p.returncode >= 0 else f"signal {-p.returncode}"
         except subprocess.TimeoutExpired:
-            os.killpg(p.pid, signal.SIGKILL)  # the program leads its own process group
-            (out, err), status = p.communicate(), "timeout"
-        return str(status), (out or b"").decode("latin-1"), err.decode("latin-1")
+            if os.waitid(os.P_PID, p.pid, os.WEXITED | os.WNOHANG | os.WNOWAIT):  # not reaping it keeps its group's id its own
+                self.failures.append(f"{what} ended but its output stayed open for {bound:.0f} s: something it started holds it")
+            elif bound < timeout:
+                self.failures.append(f"{what} was still running when the case had used up its {BUDGET} s")
+            kill_group(p)
+            status = "timeout"
+            try:
+                out, err = p.communicate(timeout=STOP)
+            except subprocess.TimeoutExpired:  # held by a process outside the group, or one that does not die
+                self.failures.append(f"{what}: {'output still open' if p.poll() is not None else 'still there'} {STOP} s after SIGKILL")
+                [f.close() for f in (p.stdout, p.stderr) if f]
+                out, err = b"", b""
+        return str(status), (out or b"").decode("latin-1"), (err or b"").decode("latin-1")
 
     def messages(self):
         log = Path(self.where(self.opts.get("logfile", "agent_upd.log")))
@@ -401,7 +448,7 @@ class Case:
         elif key == "file":
             path, kind, arg = self.where(words[0]), words[1], " ".join(words[2:])
             st = os.lstat(path) if os.path.lexists(path) else None
-            content = lambda: open(path, "rb").read()
+            content = lambda: open(path, "rb").read() if stat.S_ISREG(st.st_mode) else None  # a FIFO's open would wait for a writer
             ok = {"absent": lambda: st is None, "exists": lambda: True, "link": lambda: stat.S_ISLNK(st.st_mode),
                   "dir": lambda: stat.S_ISDIR(st.st_mode), "package": lambda: content() == self.package,
                   "text": lambda: content() == unescape(self.subst(arg)), "mode": lambda: stat.S_IMODE(st.st_mode) == int(arg, 8),
@@ -411,6 +458,17 @@ class Case:
                 self.failures.append(f"file {path}: expected {kind} {arg}")
         elif key not in ("last", "nolog"):
             raise SystemExit(f"unknown line: {key} {rest}")
+
+    # Also after an error of the runner itself: nothing stays behind, and no stop waits without a bound.
+    def close(self):
+        self.stopping.set()
+        self.stop_nginx()
+        # A client stuck in its TLS handshake would hold the serving thread: the handshake is part of its accept().
+        stops = [threading.Thread(target=s.shutdown, daemon=True) for s in self.servers]
+        [t.start() for t in stops]
+        [t.join(STOP) for t in stops]
+        any(t.is_alive() for t in stops) and self.failures.append(f"the test server did not stop within {STOP} s")
+        self.servers = []
 
     def invariants(self):
         self.stop_nginx()
@@ -453,8 +511,11 @@ def setup(case, key, rest):
         case.set_flow(case.flow["name"])
     elif key == "serve":
         case.route(*words)
-    elif key == "sh":  # in the case's directory
-        subprocess.run(["bash", "-ec", case.subst(rest)], cwd=case.dir, check=True, stdout=subprocess.DEVNULL)
+    elif key == "sh":  # in the case's directory; one that fails is an error of the case
+        p = subprocess.Popen(["bash", "-ec", case.subst(rest)], cwd=case.dir, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                             stderr=subprocess.PIPE, start_new_session=True)
+        status, _, err = case.wait(p, 60, "sh")
+        status == "0" or sys.exit("\n".join([f"sh {rest}: exit {status}", *case.failures, err]))
     elif key == "pin":  # a file of the case's directory as the agent's pinned keys
         os.makedirs(case.path("etc/kx/conf"), exist_ok=True)
         os.chmod(shutil.copy(case.path(words[0]), case.path("etc/kx/conf/update-keys")), int((words[1:] or ["644"])[0], 8))
@@ -500,20 +561,21 @@ def main():
     try:
         case.set_flow("linux")
         for key, rest in lines + [("", "")]:  # a case that runs nothing itself runs "run" before its first check
+            if time.monotonic() > case.deadline:
+                case.failures.append(f"the case used up its {BUDGET} s before: {key or 'the invariants'} {rest}")
+                break
             if not setup(case, key, rest):
                 case.batch or case.run(["$URL", "7.2.0.1"])
                 case.check(key, rest) if key else case.invariants()
+        case.close()
         if case.failures:
             status, out, err = case.batch[-1] if case.batch else ("-", "", "")
             print(f"FAILED {name} (exit {status})", *("- " + f for f in case.failures), "--- log ---", *case.messages(),
                   "--- calls ---", *case.calls(), "--- requests ---", *case.requests, "--- stdout ---", out[:5000],
                   "--- stderr ---", err[:5000], sep="\n")
         return 1 if case.failures else 0
-    finally:  # also after an error of the runner itself: nothing stays behind
-        case.stopping.set()
-        case.stop_nginx()
-        for s in case.servers:
-            s.shutdown()
+    finally:
+        case.close()
         os.environ.get("KX_KEEP") or shutil.rmtree(case.dir, ignore_errors=True)
 
 
