@@ -310,7 +310,8 @@ class Case:
             setup.append(f"mount -t tmpfs -o size={o['disk']},mode=0755 tmpfs {self.T}")
         prefix = {"arch32": ["setarch", "linux32"], "valgrind": ["valgrind", "-q", "--error-exitcode=99", "--leak-check=full",
                   "--errors-for-leak-kinds=definite"], "user": ["setpriv", f"--reuid={o.get('user')}", f"--regid={o.get('user')}",
-                  "--clear-groups"]}
+                  "--clear-groups"], "strace": ["strace", "-f", "-qq", "-e", "signal=none", "-o", self.path("strace.log"),
+                  "-e", "trace=fsync,fdatasync,rename,renameat,renameat2"]}
         prefix = next((v for k, v in prefix.items() if k in o), [])
         # Copied where another user can reach it, whatever the mode of the checkout's directories.
         program = shutil.copy(self.program, self.path("update")) if "user" in o else self.program
@@ -441,6 +442,14 @@ class Case:
             rows = [r.rstrip() for r in out.splitlines() if r.startswith(platform + " ")]
             if not any(r.endswith(verdict) for r in rows):
                 self.compare(f"row of {platform}", [verdict], rows)
+        elif key == "trace":  # the run's system calls under "strace": one matching each pattern, in this order
+            log = Path(self.path("strace.log"))
+            calls, at = log.read_text().splitlines() if log.exists() else ["(no trace: a case needs strace before its run)"], 0
+            for pattern in split(rest):
+                at = next((i + 1 for i in range(at, len(calls)) if re.search(self.subst(pattern), calls[i])), None)
+                if at is None:
+                    self.failures.append(f"trace: no {pattern!r} where expected in\n  " + "\n  ".join(calls))
+                    break
         elif key in ("calls", "requests"):
             key == "requests" and self.tree and self.serve_tree(self.tree)
             table, sep = (self.flow["calls"], "") if key == "calls" else (self.flow["requests"], ":")
@@ -534,7 +543,7 @@ def setup(case, key, rest):
         case.configs.append((words[1] if len(words) > 1 else "", body_of(case.subst(words[0]), case)))
     elif key in ("chown", "chmod"):
         (os.lchown if key == "chown" else os.chmod)(case.where(words[1]), *((int(words[0]), ) * 2 if key == "chown" else (int(words[0], 8), )))
-    elif key in ("arch32", "lenient", "tls", "frozen", "valgrind"):
+    elif key in ("arch32", "lenient", "tls", "frozen", "valgrind", "strace"):
         case.opts[key] = True
     elif key in ("umask", "timeout", "fsize", "user", "logfile", "disk", "stdout", "parallel", "published"):
         case.opts[key] = case.subst(rest)
