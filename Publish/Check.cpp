@@ -122,7 +122,7 @@ std::string macPackageWithoutVersion(HttpClient& http, const std::string& server
 }
 
 // The row of a client that found no setup.
-Row unresolved(HttpClient& http, const Target& t, const Options& o, Row row, const setup::SetupFailure& f) {
+Row unresolved(HttpClient& http, const Target& t, const Options& o, const Row& row, const setup::SetupFailure& f) {
   if (f.answer.code < 0) return fail(row, Result::NoVerifiedFile, failure(f.answer, ""));
   switch (f.why) {
     case setup::SetupFailure::Unreadable:
@@ -143,7 +143,7 @@ Row unresolved(HttpClient& http, const Target& t, const Options& o, Row row, con
 }
 
 // The row of a client whose version step failed.
-Row noVersion(HttpClient& http, Row row, const setup::Setup& s, const Failure& f) {
+Row noVersion(HttpClient& http, const Row& row, const setup::Setup& s, const Failure& f) {
   if (f.result() == Result::RequestFailed && !row.listed && f.answer().code == 404) {
     // Linux kinds share one legacy directory and its version file.
     std::map<std::string, std::string> headers;

@@ -108,7 +108,7 @@ Status upgrade(const Install& install) {
   // that the path still names the file that was verified. A disk image
   // was checked before it was attached.
   const utils::SetuParameter& p = install.params;
-  const Status kept = refusedSetup(
+  Status kept = refusedSetup(
       p.setupPath, isDiskImage(install.platform) ? std::string() : landedProblem(p.setupPath, install.landed));
   if (!kept.ok()) return kept;
   if (const int installed = utils::runShell(p.installCmd); installed == 0) {
@@ -145,7 +145,7 @@ Status installAgent(const Install& install) {
   } else {
     KXLOG(KXLM_ROOT, KXLL_ERR, "Fail to stop agent: [" << stopped << "]");
   }
-  const Status installed = install.restartOnly ? Status(Passed()) : upgrade(install);
+  Status installed = install.restartOnly ? Status(Passed()) : upgrade(install);
   if (isDiskImage(install.platform)) utils::unmount(p.mountedDevice);
   // Reached on every path that stopped the agent: it must never stay down.
   if (const int started = utils::runShell(p.startCmd); started == 0) {
