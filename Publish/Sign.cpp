@@ -146,7 +146,15 @@ void signRelease(const std::string& outDir, const Signer& signer, int days, cons
   r.serial = signer.serial;
   r.expires = signer.now + int64_t{days} * 86400;
   for (const SignedFile& f : files) {
-    r.packages.push_back({f.path, f.version, fs::file_size(f.source), fileSha256(f.source), f.os, f.arch, f.kind});
+    release::Entry e;
+    e.path = f.path;
+    e.version = f.version;
+    e.size = fs::file_size(f.source);
+    e.sha256 = fileSha256(f.source);
+    e.os = f.os;
+    e.arch = f.arch;
+    e.kind = f.kind;
+    r.packages.push_back(e);
   }
   const std::string text = release::writeManifest(r);
   const std::string comment =

@@ -7,6 +7,7 @@
 #include <openssl/pem.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <ctime>
 #include <memory>
@@ -122,6 +123,49 @@ Verified refuse(std::string reason) {
   return v;
 }
 
+// A percent with at most two decimals, as hundredths of a percent; -1 for
+// anything else.
+int basisPoints(const nlohmann::json& percent) {
+  if (!percent.is_number()) return -1;
+  const double hundredths = percent.get<double>() * 100;
+  const double whole = std::round(hundredths);
+  return whole >= 0 && whole <= 10000 && std::fabs(hundredths - whole) < 1e-6 ? static_cast<int>(whole) : -1;
+}
+
+// An entry's "rollout" and "health"; "" or what is wrong with them.
+std::string readPolicy(const nlohmann::json& p, Entry& e) {
+  const std::string of = " of " + utils::logText(e.path);
+  if (p.contains("health")) {
+    const nlohmann::json& seconds = p.at("health").at("seconds");
+    if (!seconds.is_number_integer() || seconds.get<int64_t>() < 1 || seconds.get<int64_t>() > 3600) {
+      return "health" + of + " is not 1 to 3600 seconds";
+    }
+    e.healthSeconds = seconds.get<int>();
+  }
+  if (!p.contains("rollout")) return std::string();
+  const nlohmann::json& r = p.at("rollout");
+  Rollout rollout;
+  rollout.paused = r.value("paused", false);
+  for (const nlohmann::json& s : r.value("stages", nlohmann::json::array())) {
+    Stage stage;
+    if (!parseUtc(s.at("at").get<std::string>(), stage.at)) return "a stage" + of + " has no UTC time";
+    if ((stage.basisPoints = basisPoints(s.at("percent"))) < 0) {
+      return "a stage" + of + " has no percent from 0 to 100 with at most two decimals";
+    }
+    if (!rollout.stages.empty() && stage.at <= rollout.stages.back().at) return "the stages" + of + " go back in time";
+    rollout.stages.push_back(stage);
+  }
+  e.rollout = rollout;
+  return std::string();
+}
+
+// The manifest's "revoked" versions; "" or what is wrong with them.
+std::string readRevoked(const nlohmann::json& j, Release& out) {
+  if (!j.contains("revoked")) return std::string();
+  for (const nlohmann::json& v : j.at("revoked")) out.revoked.push_back(v.get<std::string>());
+  return std::string();
+}
+
 // The manifest's content; "" or what is wrong with it.
 std::string readManifest(const std::string& text, Release& out) {
   try {
@@ -144,12 +188,24 @@ std::string readManifest(const std::string& text, Release& out) {
       if (!isPackagePath(e.path)) return "package path " + utils::logText(e.path) + " is not one file under the server";
       if (!isLowerHex(e.sha256, 64)) return "sha256 of " + utils::logText(e.path) + " is not 64 lower-case hex digits";
       if (findEntry(out, e.path) != nullptr) return "package path " + utils::logText(e.path) + " is listed twice";
+      if (std::string problem = readPolicy(p, e); !problem.empty()) return problem;
       out.packages.push_back(std::move(e));
     }
-    return std::string();
+    return readRevoked(j, out);
   } catch (const std::exception& e) {
     return utils::logText(e.what());
   }
+}
+
+nlohmann::json rolloutJson(const Rollout& r) {
+  nlohmann::json stages = nlohmann::json::array();
+  for (const Stage& s : r.stages) {
+    // Whole percents as integers, the rest with their two decimals.
+    const nlohmann::json percent =
+        s.basisPoints % 100 == 0 ? nlohmann::json(s.basisPoints / 100) : nlohmann::json(s.basisPoints / 100.0);
+    stages.push_back({{"at", utcText(s.at)}, {"percent", percent}});
+  }
+  return {{"stages", stages}, {"paused", r.paused}};
 }
 
 Pkey privateKey(const std::string& pem) {
@@ -332,9 +388,12 @@ std::string writeManifest(const Release& release) {
     for (const auto& [key, field] : platformFields(named)) {
       if (!field->empty()) entry[key] = *field;
     }
+    if (e.rollout) entry["rollout"] = rolloutJson(*e.rollout);
+    if (e.healthSeconds > 0) entry["health"] = {{"seconds", e.healthSeconds}};
     packages.push_back(entry);
   }
-  const nlohmann::json j = {{"serial", release.serial}, {"expires", utcText(release.expires)}, {"packages", packages}};
+  nlohmann::json j = {{"serial", release.serial}, {"expires", utcText(release.expires)}, {"packages", packages}};
+  if (!release.revoked.empty()) j["revoked"] = release.revoked;
   return j.dump(2) + "\n";
 }
 

@@ -3,6 +3,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -35,6 +36,17 @@ std::string keyIdText(const std::array<unsigned char, 8>& id);
 // what came before the fault.
 std::string parsePublicKeys(const std::string& text, std::vector<PublicKey>& keys);
 
+// A staged rollout: from each stage's time on, the share of machines offered
+// the entry, in hundredths of a percent (10000 is everyone).
+struct Stage {
+  int64_t at = 0;  // seconds since the epoch
+  int basisPoints = 0;
+};
+struct Rollout {
+  std::vector<Stage> stages;  // in increasing time
+  bool paused = false;        // offered to none, whatever the stages say
+};
+
 struct Entry {
   std::string path;  // under the server's address, no leading "/"
   std::string version;
@@ -45,12 +57,19 @@ struct Entry {
   std::string os;
   std::string arch;
   std::string kind;
+  // Offered to a share of the machines only; none: offered to all.
+  std::optional<Rollout> rollout;
+  // Seconds the agent must stay healthy after this entry was installed; 0:
+  // not watched.
+  int healthSeconds = 0;
 };
 
 struct Release {
   int64_t serial = 0;
   int64_t expires = 0;  // seconds since the epoch
   std::vector<Entry> packages;
+  // Versions that must not stay installed, "a.b.c.d" each.
+  std::vector<std::string> revoked;
   std::string keyId;           // of the key that signed it
   std::string trustedComment;  // as signed
 };
