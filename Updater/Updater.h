@@ -95,10 +95,14 @@ class Updater {
   void releaseLock();
 
   RunEnd run(const std::string& url, const std::string& version);
-  // From the signed release to the restarted agent, once the server offers a
-  // newer version; adds what it learns to facts.
-  RunEnd update(const steps::Machine& machine, const steps::Keys& keys, const setup::Setup& setup,
-                const Version& available, Facts& facts);
+  // Whether to update: a newer version, or a revoked installed one; for a
+  // signed entry with a rollout, whether it is offered to this machine yet.
+  RunEnd decide(const steps::Machine& machine, const setup::Setup& setup,
+                const std::optional<steps::SignedEntry>& signedEntry, const Version& available, Facts& facts);
+  // From the package's sum to the restarted agent; adds what it learns to
+  // facts.
+  RunEnd update(const steps::Machine& machine, const setup::Setup& setup,
+                const std::optional<steps::SignedEntry>& signedEntry, const Version& available, Facts& facts);
   setup::Platform platform() const { return setup::Platform{os, arch, distrib}; }
   void keepRecord(const RunEnd& end, const std::string& version, long long startMs) const;
 

@@ -60,6 +60,10 @@ RunEnd RunEnd::upToDate(const std::string& why, Facts facts) {
   return RunEnd{Result::Done, Action::UpToDate, why, std::move(facts)};
 }
 
+RunEnd RunEnd::waiting(const std::string& why, Facts facts) {
+  return RunEnd{Result::Done, Action::Waiting, why, std::move(facts)};
+}
+
 RunEnd RunEnd::locked(const std::string& why) { return RunEnd{Result::Done, Action::Locked, why, Facts()}; }
 
 RunEnd RunEnd::failed(const Failure& failure, Facts facts) {
@@ -76,6 +80,6 @@ bool RunEnd::freesLock(bool restartOnly) const {
 }
 
 const char* RunEnd::actionWord() const {
-  static const char* const kWords[] = {"updated", "restarted", "up to date", "locked", "failed"};
+  static const char* const kWords[] = {"updated", "restarted", "up to date", "locked", "failed", "waiting"};
   return kWords[static_cast<size_t>(action)];
 }

@@ -83,7 +83,7 @@ struct Facts {
 // How a run ended, built once: the exit status, the lock's release and the
 // run record all read it.
 struct RunEnd {
-  enum class Action { Updated, Restarted, UpToDate, Locked, Failed };
+  enum class Action { Updated, Restarted, UpToDate, Locked, Failed, Waiting };
 
   Result result = Result::Done;
   Action action = Action::Failed;
@@ -92,6 +92,8 @@ struct RunEnd {
 
   static RunEnd done(bool restartOnly, Facts facts);
   static RunEnd upToDate(const std::string& why, Facts facts);
+  // A signed entry not offered to this machine yet: as after nothing to do.
+  static RunEnd waiting(const std::string& why, Facts facts);
   // Refused by another run's lock: the exit status is 0 and the lock stays.
   static RunEnd locked(const std::string& why);
   static RunEnd failed(const Failure& failure, Facts facts);
@@ -102,6 +104,6 @@ struct RunEnd {
   int exitStatus() const { return static_cast<int>(result); }
   bool freesLock(bool restartOnly) const;
   // The one word of the record: "updated", "restarted", "up to date",
-  // "locked" or "failed".
+  // "locked", "failed" or "waiting".
   const char* actionWord() const;
 };

@@ -1,5 +1,6 @@
 // The update run as a sequence of steps: each takes what the earlier ones
 // learned and returns what it learned, or the failure that ends the run.
+#include <ctime>
 #include <exception>
 
 #include "KXLog.h"
@@ -42,27 +43,43 @@ RunEnd Updater::run(const std::string& url, const std::string& version) {
     const Expected<Version> available = steps::fetchVersion(httpClient, *setup);
     if (!available.ok()) return RunEnd::failed(available.failure(), facts);
     facts.offeredVersion = available->toString();
-    if (!(machine->current < *available)) {
-      KXLOG(KXLM_ROOT, KXLL_NFY, "Current version is up to date. Nothing to do");
-      return RunEnd::upToDate(
-          "the installed " + machine->current.toString() + " is not older than the published " + facts.offeredVersion,
-          facts);
+    // A machine that pins keys reads the release even when up to date: its
+    // own version may be revoked.
+    std::optional<steps::SignedEntry> signedEntry;
+    if (keys->pinned) {
+      Expected<steps::SignedEntry> e = steps::checkRelease(httpClient, url, _configDir, *keys, *setup, *available);
+      if (!e.ok()) return RunEnd::failed(e.failure(), facts);
+      signedEntry = std::move(*e);
     }
-    return update(*machine, *keys, *setup, *available, facts);
+    return decide(*machine, *setup, signedEntry, *available, facts);
   } catch (const std::exception& e) {
     KXLOG(KXLM_ROOT, KXLL_ERR, "Exception : " << utils::logText(e.what()));
     return RunEnd::failed(Failure(Result::NoVerifiedFile, utils::logText(e.what())), facts);
   }
 }
 
-RunEnd Updater::update(const steps::Machine& machine, const steps::Keys& keys, const setup::Setup& setup,
-                       const Version& available, Facts& facts) {
-  std::optional<steps::SignedEntry> signedEntry;
-  if (keys.pinned) {
-    Expected<steps::SignedEntry> e = steps::checkRelease(httpClient, serverUrl, _configDir, keys, setup, available);
-    if (!e.ok()) return RunEnd::failed(e.failure(), facts);
-    signedEntry = *e;
+RunEnd Updater::decide(const steps::Machine& machine, const setup::Setup& setup,
+                       const std::optional<steps::SignedEntry>& signedEntry, const Version& available, Facts& facts) {
+  const bool revoked = signedEntry && steps::isRevoked(*signedEntry, machine.current);
+  if (!(machine.current < available) && !revoked) {
+    KXLOG(KXLM_ROOT, KXLL_NFY, "Current version is up to date. Nothing to do");
+    return RunEnd::upToDate(
+        "the installed " + machine.current.toString() + " is not older than the published " + facts.offeredVersion,
+        facts);
   }
+  if (revoked) {
+    KXLOG(KXLM_ROOT, KXLL_NFY, "Installed version " << machine.current << " is revoked: going to " << available);
+  } else if (signedEntry) {
+    const Expected<steps::Offer> offer =
+        steps::decideRollout(_configDir, *signedEntry, static_cast<int64_t>(std::time(nullptr)));
+    if (!offer.ok()) return RunEnd::failed(offer.failure(), facts);
+    if (!offer->offered) return RunEnd::waiting(offer->why, facts);
+  }
+  return update(machine, setup, signedEntry, available, facts);
+}
+
+RunEnd Updater::update(const steps::Machine& machine, const setup::Setup& setup,
+                       const std::optional<steps::SignedEntry>& signedEntry, const Version& available, Facts& facts) {
   const steps::HashFile hashFile = steps::fetchHashFile(httpClient, setup.params);
   const Expected<uint64_t> size = steps::fetchSize(httpClient, setup, machine.tempDir);
   if (!size.ok()) return RunEnd::failed(size.failure(), facts);
@@ -80,7 +97,7 @@ RunEnd Updater::update(const steps::Machine& machine, const steps::Keys& keys, c
       return RunEnd::failed(s.failure(), facts);
     }
   }
-  const Expected<utils::SetuParameter> prepared = steps::prepareInstall(setup, *landed);
+  const Expected<utils::SetuParameter> prepared = steps::prepareInstall(setup, *landed, available < machine.current);
   if (!prepared.ok()) return RunEnd::failed(prepared.failure(), facts);
   const steps::Install install{setup.platform, *prepared, *landed, machine.current, available, restartOnly};
   if (Status s = steps::installAgent(install); !s.ok()) return RunEnd::failed(s.failure(), facts);

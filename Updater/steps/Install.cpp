@@ -121,8 +121,11 @@ Status upgrade(const Install& install) {
 
 }  // namespace
 
-Expected<utils::SetuParameter> prepareInstall(const Setup& setup, const HttpClient::Landed& landed) {
+Expected<utils::SetuParameter> prepareInstall(const Setup& setup, const HttpClient::Landed& landed, bool downgrade) {
   utils::SetuParameter p = setup.params;
+  if (downgrade && setup.platform.os == utils::Linux && setup.platform.distrib == utils::Rpm) {
+    p.installCmd = utils::ShellCommand("rpm").word("-U").word("--oldpackage").arg(p.setupPath).text();
+  }
   if (!isDiskImage(setup.platform)) return p;
   // hdiutil reads the image by its path: it must still be the file that was
   // verified.

@@ -20,21 +20,7 @@ const char* const kKeysName = "update-keys";
 const char* const kSerialName = "update-serial";
 const char* const kManifestName = "release.json";
 
-// The check that failed, and for which input (a URL masked as the log masks
-// it): one ERR line, result 12.
-Failure refused(const std::string& input, const std::string& reason) {
-  KXLOG(KXLM_ROOT, KXLL_ERR, "Release check failed for " << utils::logUrl(input) << ": " << reason);
-  return Failure(Result::ReleaseRefused, "release check failed for " + utils::logUrl(input), reason);
-}
-
-// Why a file that guards the machine's updates could be another's doing, or
-// "": it must be a regular file of root's (or ours) that nobody else can
-// write, in a directory nobody else can change.
-std::string guardProblem(const std::string& dir, const trusted::Identity& id) {
-  if (std::string problem = utils::directoryProblem(dir); !problem.empty()) return problem;
-  const unsigned rules = trusted::kRegular | trusted::kOwnedByRootOrUs | trusted::kNotWritableByOthers;
-  return trusted::said(trusted::flawOf(id, rules));
-}
+Failure refused(const std::string& input, const std::string& reason) { return releaseRefusal(input, reason); }
 
 // The last serial accepted: none yet is 0. A file that is there but not
 // root's alone, or not a number, could be an attempt to go back.
@@ -78,6 +64,22 @@ Expected<release::Release> fetchRelease(HttpClient& client, const std::string& s
 }
 
 }  // namespace
+
+// The check that failed, and for which input (a URL masked as the log masks
+// it): one ERR line, result 12.
+Failure releaseRefusal(const std::string& input, const std::string& reason) {
+  KXLOG(KXLM_ROOT, KXLL_ERR, "Release check failed for " << utils::logUrl(input) << ": " << reason);
+  return Failure(Result::ReleaseRefused, "release check failed for " + utils::logUrl(input), reason);
+}
+
+// A file that guards the machine's updates must be a regular file of root's
+// (or ours) that nobody else can write, in a directory nobody else can
+// change.
+std::string guardProblem(const std::string& dir, const trusted::Identity& id) {
+  if (std::string problem = utils::directoryProblem(dir); !problem.empty()) return problem;
+  const unsigned rules = trusted::kRegular | trusted::kOwnedByRootOrUs | trusted::kNotWritableByOthers;
+  return trusted::said(trusted::flawOf(id, rules));
+}
 
 Expected<Keys> loadPinnedKeys(const std::string& configDir) {
   Keys keys;
@@ -135,7 +137,7 @@ Expected<SignedEntry> checkRelease(HttpClient& client, const std::string& server
   KXLOG(KXLM_ROOT, KXLL_NFY,
         "Release " << r->serial << " signed by key " << r->keyId << " until " << release::utcText(r->expires)
                    << " lists " << path);
-  return SignedEntry{*entry, r->serial, path};
+  return SignedEntry{*entry, r->serial, path, r->revoked};
 }
 
 Status matchRelease(const SignedEntry& signedEntry, uint64_t size) {

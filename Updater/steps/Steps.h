@@ -8,6 +8,7 @@
 #include "Manifest.h"
 #include "Outcome.h"
 #include "Setup.h"
+#include "TrustedFile.h"
 #include "Version.h"
 
 // The steps of an update run, in the order the run takes them. Each takes
@@ -59,7 +60,8 @@ Expected<Version> fetchVersion(HttpClient& client, const Setup& setup);
 struct SignedEntry {
   release::Entry entry;
   int64_t serial = 0;
-  std::string path;  // the package's path as the release names it
+  std::string path;                  // the package's path as the release names it
+  std::vector<std::string> revoked;  // versions that must not stay installed
 };
 Expected<SignedEntry> checkRelease(HttpClient& client, const std::string& serverUrl, const std::string& configDir,
                                    const Keys& keys, const Setup& setup, const Version& available);
@@ -88,6 +90,33 @@ constexpr unsigned long long kMaxPackageSize = 8ULL << 30;
 constexpr unsigned long long kFreeSpaceMargin = 16ULL << 20;
 Expected<uint64_t> fetchSize(HttpClient& client, const Setup& setup, const std::string& tempDir);
 
+// Staged rollout. The share of machines an entry is offered to at now, in
+// hundredths of a percent: the last stage not after now, 0 before the first
+// or while paused.
+int shareInForce(const release::Rollout& rollout, int64_t now);
+// The machine's stable place among 10000 for a version: the first 8 bytes of
+// SHA-256 of "<installId>:<version>", big-endian, modulo 10000.
+int bucketOf(const std::string& installId, const std::string& version);
+// configDir/install-id: 32 lower-case hex digits, made from 128 random bits
+// of the operating system the first time it is needed; one that is malformed
+// is replaced (WRN); one that is not root's alone refused (12).
+Expected<std::string> loadInstallId(const std::string& configDir);
+// Whether the machine is offered the signed entry now (no rollout: always);
+// when not, why, logged at NFY: its bucket, the share and the next stage, or
+// that the rollout is paused.
+struct Offer {
+  bool offered = true;
+  std::string why;
+};
+Expected<Offer> decideRollout(const std::string& configDir, const SignedEntry& signedEntry, int64_t now);
+// The installed version is one the release revokes: the entry is offered at
+// once, even when its version is lower.
+bool isRevoked(const SignedEntry& signedEntry, const Version& installed);
+// The refusal of a file that guards signed updates, and why such a file
+// could be another's doing (""); shared by the release's files.
+Failure releaseRefusal(const std::string& input, const std::string& reason);
+std::string guardProblem(const std::string& dir, const trusted::Identity& id);
+
 // A size against the signed entry's (12): the announced one before
 // downloading, the landed one after.
 Status matchRelease(const SignedEntry& signedEntry, uint64_t size);
@@ -112,7 +141,9 @@ Status acceptRelease(const SignedEntry& signedEntry, const HttpClient::Landed& l
 // The parameters that install the landed package: a disk image must still
 // be the verified file (11) and is attached (9), which completes the install
 // command with the package inside it and names the device to detach.
-Expected<utils::SetuParameter> prepareInstall(const Setup& setup, const HttpClient::Landed& landed);
+// downgrade: the package is older than the installed agent (a revoked
+// version left), which rpm installs only when told so.
+Expected<utils::SetuParameter> prepareInstall(const Setup& setup, const HttpClient::Landed& landed, bool downgrade);
 
 // Stops the agent, installs the package (unless restartOnly), detaches a
 // disk image and starts the agent again on every path, whatever signal
