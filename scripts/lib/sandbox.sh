@@ -112,9 +112,18 @@ EOF
 
 # Stops the nginx of kx_start_nginx and waits for it, so that its access log
 # is complete; safe to call twice.
+# A TERM that lands while the master is still starting only sets a flag it
+# reads on the next signal: TERM again, for at most five seconds, then KILL.
 kx_stop_nginx() {
   if [[ -n ${KX_NGINX_PID:-} ]]; then
-    kill "$KX_NGINX_PID" 2>/dev/null || true
+    local i
+    for ((i = 0; i < 100; i++)); do
+      # Gone, or a zombie waiting for us: done.
+      [[ $(awk '{print $3}' "/proc/$KX_NGINX_PID/stat" 2>/dev/null) =~ ^[^Z]$ ]] || break
+      ((i % 5 == 0)) && kill "$KX_NGINX_PID" 2>/dev/null
+      sleep 0.05
+    done
+    kill -KILL "$KX_NGINX_PID" 2>/dev/null || true
     wait "$KX_NGINX_PID" 2>/dev/null || true
     KX_NGINX_PID=
   fi
