@@ -3,6 +3,7 @@
 // agent would reach.
 #include <unistd.h>
 
+#include <algorithm>
 #include <boost/filesystem.hpp>
 #include <cstdio>
 #include <ctime>
@@ -10,6 +11,7 @@
 #include <iostream>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -52,6 +54,9 @@ struct Row {
   bool published = true;
   bool listed = false;  // named by the definition file: its absence is a fault
   bool ok = false;
+  std::optional<release::Entry> entry;  // the signed release's, when it holds
+  int bucket = -1;                      // the --install-id machine's, for the entry
+  bool offered = false;
 };
 
 // What every client of one check is given.
@@ -59,6 +64,9 @@ struct Options {
   std::string server, from, tmp;
   bool download = false;
   const steps::Keys* keys = nullptr;  // the publisher's keys, for a signed client
+  std::string installId;              // a machine to place in each rollout
+  std::vector<std::string> revoked;   // by the served release
+  int64_t now = 0;
 };
 
 // Keeps the updater's log lines off the terminal: the rows say what counts.
@@ -237,6 +245,7 @@ std::optional<Row> signedEntryOf(HttpClient& http, const Options& o, Row& row, c
   const Expected<steps::SignedEntry> e = steps::checkRelease(http, o.server, "", *o.keys, s, available);
   if (e.ok()) {
     out = *e;
+    row.entry = e->entry;
     return std::nullopt;
   }
   std::map<std::string, std::string> headers;
@@ -245,15 +254,40 @@ std::optional<Row> signedEntryOf(HttpClient& http, const Options& o, Row& row, c
   return fail(row, e.failure().result(), e.failure().reason());
 }
 
+// Whether the --install-id machine is offered the entry now, and if not,
+// what it waits for.
+void placeMachine(Row& row, const Options& o) {
+  const release::Rollout r = row.entry->rollout.value_or(release::Rollout{{{0, 10000}}, false});
+  const int share = release::shareInForce(r, o.now);
+  row.bucket = release::bucketOf(o.installId, row.entry->version);
+  row.offered = row.bucket < share;
+  const std::string place = "bucket " + std::to_string(row.bucket) + " of " + percentText(share);
+  if (row.offered) {
+    row.verdict += " (offered: " + place + ")";
+    return;
+  }
+  row.verdict = "waiting: " + place + (r.paused ? ", paused" : "");
+  for (const release::Stage& s : r.stages) {
+    if (!r.paused && s.at > o.now && row.bucket < s.basisPoints) {
+      row.verdict += ", offered from " + release::utcText(s.at);
+      return;
+    }
+  }
+  if (!r.paused) row.verdict += ", no later stage reaches it";
+}
+
 // What the client would do, given what it was offered.
 Row verdictOf(Row row, const Options& o, const Version& available) {
   row.ok = true;
-  if (o.from.empty()) {
-    row.verdict = "would update to " + row.version;
-  } else if (Version::parse(o.from) < available) {
-    row.verdict = "would update " + o.from + " -> " + row.version;
-  } else {
+  // A revoked version goes to its entry at once, even to a lower one.
+  if (std::find(o.revoked.begin(), o.revoked.end(), o.from) != o.revoked.end()) {
+    row.verdict = "would update " + o.from + " -> " + row.version + " at once: " + o.from + " is revoked";
+    row.offered = true;
+  } else if (!o.from.empty() && !(Version::parse(o.from) < available)) {
     row.verdict = "up to date";
+  } else {
+    row.verdict = o.from.empty() ? "would update to " + row.version : "would update " + o.from + " -> " + row.version;
+    if (!o.installId.empty() && row.entry) placeMachine(row, o);
   }
   return row;
 }
@@ -335,40 +369,73 @@ Row shown(const Row& r) {
   return out;
 }
 
-void print(const std::vector<Row>& rows, bool json) {
+// The share the row's signed entry offers now, for the table: "100%",
+// "paused", "25% until 2026-12-01T00:00:00Z"; "" without an entry.
+std::string rolloutColumn(const Row& r, int64_t now) {
+  if (!r.entry) return std::string();
+  if (!r.entry->rollout) return "100%";
+  if (r.entry->rollout->paused) return "paused";
+  const std::optional<int64_t> next = release::nextStageAt(*r.entry->rollout, now);
+  return percentText(release::shareInForce(*r.entry->rollout, now)) +
+         (next ? " until " + release::utcText(*next) : std::string());
+}
+
+// The same for JSON: the percent in force, the next stage and the pause.
+nlohmann::json rolloutJson(const Row& r, int64_t now) {
+  if (!r.entry) return nullptr;
+  const release::Rollout rollout = r.entry->rollout.value_or(release::Rollout{{{0, 10000}}, false});
+  const int share = release::shareInForce(rollout, now);
+  const std::optional<int64_t> next = release::nextStageAt(rollout, now);
+  return {{"percent", share % 100 == 0 ? nlohmann::json(share / 100) : nlohmann::json(share / 100.0)},
+          {"next", next ? nlohmann::json(release::utcText(*next)) : nlohmann::json(nullptr)},
+          {"paused", rollout.paused}};
+}
+
+void printJson(const std::vector<Row>& rows, const Options& o) {
+  nlohmann::json out = nlohmann::json::array();
+  for (const Row& r : rows) {
+    out.push_back({{"platform", r.platform},
+                   {"url", r.url},
+                   {"version", r.version},
+                   {"size", r.size},
+                   {"md5", r.md5},
+                   {"verdict", r.verdict},
+                   {"published", r.published},
+                   {"ok", r.ok}});
+    if (o.keys != nullptr) out.back()["rollout"] = rolloutJson(r, o.now);
+    if (!o.installId.empty() && r.entry) out.back()["offered"] = r.offered;
+    if (!o.installId.empty() && r.bucket >= 0) out.back()["bucket"] = r.bucket;
+  }
+  std::cout << out.dump(2) << "\n";
+}
+
+void print(const std::vector<Row>& rows, bool json, const Options& o) {
   std::vector<Row> shownRows;
   shownRows.reserve(rows.size());
   for (const Row& r : rows) shownRows.push_back(shown(r));
-  if (json) {
-    nlohmann::json out = nlohmann::json::array();
-    for (const Row& r : shownRows) {
-      out.push_back({{"platform", r.platform},
-                     {"url", r.url},
-                     {"version", r.version},
-                     {"size", r.size},
-                     {"md5", r.md5},
-                     {"verdict", r.verdict},
-                     {"published", r.published},
-                     {"ok", r.ok}});
-    }
-    std::cout << out.dump(2) << "\n";
-    return;
-  }
-  size_t url = 3;
+  if (json) return printJson(shownRows, o);
+  size_t url = 3, rollout = 0;
   for (const Row& r : shownRows) url = std::max(url, r.url.size());
-  const auto line = [url](const std::string& a, const std::string& b, const std::string& c, const std::string& d,
-                          const std::string& e, const std::string& f) {
+  // Only a signed release has a rollout to show.
+  for (const Row& r : shownRows) rollout = std::max(rollout, rolloutColumn(r, o.now).size());
+  if (o.keys != nullptr) rollout = std::max(rollout, size_t{7});
+  const auto line = [url, rollout](const std::string& a, const std::string& b, const std::string& c,
+                                   const std::string& d, const std::string& e, const std::string& g,
+                                   const std::string& f) {
     std::cout << std::left << std::setw(17) << a << std::setw(static_cast<int>(url) + 2) << b << std::setw(12) << c
-              << std::setw(11) << d << std::setw(10) << e << f << "\n";
+              << std::setw(11) << d << std::setw(10) << e;
+    if (rollout > 0) std::cout << std::setw(static_cast<int>(rollout) + 2) << g;
+    std::cout << f << "\n";
   };
-  line("PLATFORM", "URL", "VERSION", "SIZE", "MD5", "VERDICT");
-  for (const Row& r : shownRows) line(r.platform, r.url, r.version, r.size, r.md5, r.verdict);
+  line("PLATFORM", "URL", "VERSION", "SIZE", "MD5", "ROLLOUT", "VERDICT");
+  for (const Row& r : shownRows) line(r.platform, r.url, r.version, r.size, r.md5, rolloutColumn(r, o.now), r.verdict);
 }
 
 // The served release as a client that pins keys sees it, in one line; false
 // when no such client would accept it. Expiring within two weeks is a
 // warning: agents that run less often than that would start to fail.
-bool checkSignedRelease(const std::string& server, const std::vector<release::PublicKey>& keys, std::ostream& out) {
+bool checkSignedRelease(const std::string& server, const std::vector<release::PublicKey>& keys, std::ostream& out,
+                        std::vector<std::string>& revoked) {
   HttpClient client;
   std::map<std::string, std::string> headers;
   std::string manifest, signature;
@@ -393,6 +460,10 @@ bool checkSignedRelease(const std::string& server, const std::vector<release::Pu
   out << "serial " << v.release.serial << " signed by key " << v.release.keyId << " until "
       << release::utcText(v.release.expires)
       << (days < 14 ? ": warning: expires in " + std::to_string(days) + " days, sign it again" : ": ok") << "\n";
+  for (const std::string& version : v.release.revoked) {
+    out << "revoked " << utils::logText(version) << ": machines on it update at once\n";
+  }
+  revoked = v.release.revoked;
   return true;
 }
 
@@ -413,6 +484,11 @@ int parseCheck(const std::vector<std::string>& args, Command& c) {
       c.options.download = true;
     } else if (args[i] == "--key" && i + 1 < args.size()) {
       c.keyFile = args[++i];
+    } else if (args[i] == "--install-id" && i + 1 < args.size()) {
+      c.options.installId = args[++i];
+      if (!isLowerHex32(c.options.installId)) {
+        return refuse("--install-id '" + utils::logText(c.options.installId) + "' is not 32 lower-case hex digits");
+      }
     } else if (args[i] == "--json") {
       c.json = true;
     } else if (c.options.server.empty() && args[i].rfind("--", 0) != 0) {
@@ -422,6 +498,9 @@ int parseCheck(const std::vector<std::string>& args, Command& c) {
     }
   }
   if (c.options.server.empty()) return usage("check needs the server's address");
+  if (!c.options.installId.empty() && c.keyFile.empty()) {
+    return usage("--install-id needs --key: only a signed release has a rollout");
+  }
   // As the updater's command line does: one trailing slash goes.
   if (c.options.server.back() == '/') c.options.server.pop_back();
   return 0;
@@ -460,10 +539,14 @@ int check(const std::vector<std::string>& args) {
     keys.pinned = true;
     c.options.keys = &keys;
   }
+  c.options.now = static_cast<int64_t>(std::time(nullptr));
+  // First, for the versions it revokes; printed after the rows.
+  std::ostringstream summary;
+  bool allOk = c.keyFile.empty() || checkSignedRelease(c.options.server, keys.keys, summary, c.options.revoked);
   const std::vector<Row> rows = checkAll(c.options);
-  print(rows, c.json);
+  print(rows, c.json, c.options);
   // Beside the rows, so that a --json reader still gets one array.
-  bool allOk = c.keyFile.empty() || checkSignedRelease(c.options.server, keys.keys, c.json ? std::cerr : std::cout);
+  (c.json ? std::cerr : std::cout) << summary.str();
   bool anyPublished = false;
   for (const Row& r : rows) {
     anyPublished = anyPublished || r.published;

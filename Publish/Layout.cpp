@@ -94,9 +94,10 @@ void writeFile(const fs::path& path, const std::string& text) {
 }
 
 struct Request {
-  std::string outDir, version, signKey;
+  std::string outDir, version, signKey, stages;
   int expiresDays = 90;
-  bool definition = false;
+  int healthSeconds = 0;
+  bool definition = false, paused = false;
   std::vector<Package> packages;
 };
 
@@ -112,11 +113,16 @@ int parseRequest(const std::vector<std::string>& args, Request& r) {
     } else if (a == "--sign" && i + 1 < args.size()) {
       r.signKey = args[++i];
     } else if (a == "--expires" && i + 1 < args.size()) {
-      const std::string& days = args[++i];
-      r.expiresDays = days.find_first_not_of("0123456789") == std::string::npos && days.size() < 6 && !days.empty()
-                          ? std::stoi(days)
-                          : 0;
-      if (r.expiresDays <= 0) return refuse("--expires '" + days + "' is not a number of days");
+      if ((r.expiresDays = parseDays(args[++i])) <= 0)
+        return refuse("--expires '" + args[i] + "' is not a number of days");
+    } else if (a == "--rollout" && i + 1 < args.size()) {
+      r.stages = args[++i];
+    } else if (a == "--paused") {
+      r.paused = true;
+    } else if (a == "--health" && i + 1 < args.size()) {
+      const int seconds = parseDays(args[++i]);
+      if (seconds < 1 || seconds > 3600) return refuse("--health '" + args[i] + "' is not 1 to 3600 seconds");
+      r.healthSeconds = seconds;
     } else if (a.rfind("--", 0) != 0 && eq != std::string::npos) {
       Package pkg;
       if (!parsePlatform(a.substr(0, eq), pkg.platform)) return usage("unknown platform " + a.substr(0, eq));
@@ -130,6 +136,9 @@ int parseRequest(const std::vector<std::string>& args, Request& r) {
     }
   }
   if (r.outDir.empty() || r.packages.empty()) return usage("layout needs an output directory and at least one package");
+  if (r.signKey.empty() && (!r.stages.empty() || r.paused || r.healthSeconds > 0)) {
+    return usage("--rollout, --paused and --health need --sign: only a signed release carries them");
+  }
   if (!isPublishableVersion(r.version))
     return refuse("version '" + r.version + "' is not four numbers such as 7.3.0.0");
   return 0;
@@ -199,6 +208,22 @@ std::vector<SignedFile> signedFiles(const Request& r) {
   return files;
 }
 
+// What agents are told to do with every package; 0, or the exit status of
+// the refusal of the stages.
+int policyOf(const Request& r, int64_t now, Policy& policy) {
+  policy.healthSeconds = r.healthSeconds;
+  std::vector<release::Stage> stages;
+  if (!r.stages.empty()) {
+    if (const std::string problem = parseStages(r.stages, now, stages); !problem.empty()) {
+      return refuse("--rollout: " + problem);
+    }
+  } else if (r.paused) {
+    stages.push_back({now, 10000});  // resumed, it is offered to all again
+  }
+  if (!stages.empty()) policy.rollout = release::Rollout{stages, r.paused};
+  return 0;
+}
+
 }  // namespace
 
 int layout(const std::vector<std::string>& args) {
@@ -208,8 +233,17 @@ int layout(const std::vector<std::string>& args) {
   // A key that cannot sign, or a serial that cannot grow, is found out
   // before anything is written.
   const Signer signer = r.signKey.empty() ? Signer() : prepareSigning(r.outDir, r.signKey);
+  Policy policy;
+  if (const int status = policyOf(r, signer.now, policy); status != 0) return status;
   writeTree(r);
-  if (!r.signKey.empty()) signRelease(r.outDir, signer, r.expiresDays, signedFiles(r));
+  if (r.signKey.empty()) return 0;
+  signRelease(r.outDir, signer, r.expiresDays, signedFiles(r), policy);
+  if (policy.rollout || policy.healthSeconds > 0) {
+    release::Entry every;
+    every.rollout = policy.rollout;
+    every.healthSeconds = policy.healthSeconds;
+    std::cout << "every package: " << describeEntry(every, signer.now) << "\n";
+  }
   return 0;
 }
 

@@ -59,25 +59,6 @@ std::string shellWord(const std::string& word) {
   return quoted + "'";
 }
 
-// The serial of the release already in dir when its signature verifies with
-// the publisher's own key, else 0: nothing is taken from a file that anyone
-// could have put there.
-int64_t verifiedSerial(const fs::path& dir, const std::string& pem) {
-  const fs::path manifest = dir / "release.json";
-  const fs::path signature = dir / "release.json.minisig";
-  if (!fs::is_regular_file(manifest) || !fs::is_regular_file(signature) ||
-      fs::file_size(manifest) > release::kMaxManifest || fs::file_size(signature) > release::kMaxSignature) {
-    return 0;
-  }
-  std::vector<release::PublicKey> own;
-  release::parsePublicKeys(release::publicKeyFile(pem, ""), own);
-  // Expired still counts: the agents that accepted it hold its serial and
-  // would refuse a lower one.
-  const release::Verified v = release::verifyRelease(readText(manifest.string()), readText(signature.string()), own,
-                                                     std::numeric_limits<int64_t>::min(), 0);
-  return v.ok ? v.release.serial : 0;
-}
-
 }  // namespace
 
 std::string readText(const std::string& path) {
@@ -86,6 +67,26 @@ std::string readText(const std::string& path) {
   std::ostringstream text;
   text << in.rdbuf();
   return text.str();
+}
+
+release::Verified ownRelease(const std::string& dir, const std::string& pem) {
+  const fs::path manifest = fs::path(dir) / "release.json";
+  const fs::path signature = fs::path(dir) / "release.json.minisig";
+  release::Verified none;
+  if (!fs::is_regular_file(manifest) || !fs::is_regular_file(signature)) {
+    none.reason = "there is no release.json with its release.json.minisig";
+    return none;
+  }
+  if (fs::file_size(manifest) > release::kMaxManifest || fs::file_size(signature) > release::kMaxSignature) {
+    none.reason = "it is larger than any release";
+    return none;
+  }
+  std::vector<release::PublicKey> own;
+  release::parsePublicKeys(release::publicKeyFile(pem, ""), own);
+  // Expired still counts: the agents that accepted it hold its serial and
+  // would refuse a lower one.
+  return release::verifyRelease(readText(manifest.string()), readText(signature.string()), own,
+                                std::numeric_limits<int64_t>::min(), 0);
 }
 
 int keygen(const std::vector<std::string>& args) {
@@ -132,7 +133,9 @@ Signer prepareSigning(const std::string& outDir, const std::string& keyPath) {
   // keeps a release laid out in a fresh directory above the one it replaces;
   // one above the release already here keeps a second signing within the
   // same second, or after the clock went back, above the first.
-  const int64_t existing = verifiedSerial(fs::path(outDir), signer.pem);
+  // Nothing is taken from a release that anyone could have put there.
+  const release::Verified own = ownRelease(outDir, signer.pem);
+  const int64_t existing = own.ok ? own.release.serial : 0;
   if (existing == std::numeric_limits<int64_t>::max()) {
     throw std::runtime_error((fs::path(outDir) / "release.json").string() + ": serial " + std::to_string(existing) +
                              " is the last there is, no release can follow it");
@@ -141,9 +144,30 @@ Signer prepareSigning(const std::string& outDir, const std::string& keyPath) {
   return signer;
 }
 
-void signRelease(const std::string& outDir, const Signer& signer, int days, const std::vector<SignedFile>& files) {
-  release::Release r;
+void writeRelease(const std::string& outDir, const Signer& signer, release::Release r) {
   r.serial = signer.serial;
+  const std::string text = release::writeManifest(r);
+  const std::string comment =
+      "timestamp:" + std::to_string(signer.now) + "\tfile:release.json\tserial:" + std::to_string(r.serial);
+  const std::string signature = release::signFile(text, signer.pem, comment);
+  // Both complete before either replaces the served one: a tree being
+  // served is re-signed in place by rollout and revoke.
+  const std::pair<const char*, std::string> files[] = {{"release.json", text}, {"release.json.minisig", signature}};
+  for (const auto& [name, content] : files) {
+    std::ofstream out((fs::path(outDir) / (std::string(name) + ".new")).string(), std::ios::binary | std::ios::trunc);
+    if (!(out << content) || !out.flush()) throw std::runtime_error(std::string("cannot write ") + name);
+  }
+  for (const auto& file : files) {
+    const fs::path to = fs::path(outDir) / file.first;
+    fs::rename(to.string() + ".new", to);
+  }
+  std::cout << "release: serial " << r.serial << ", expires " << release::utcText(r.expires) << ", "
+            << r.packages.size() << " package(s)\n";
+}
+
+void signRelease(const std::string& outDir, const Signer& signer, int days, const std::vector<SignedFile>& files,
+                 const Policy& policy) {
+  release::Release r;
   r.expires = signer.now + int64_t{days} * 86400;
   for (const SignedFile& f : files) {
     release::Entry e;
@@ -154,19 +178,11 @@ void signRelease(const std::string& outDir, const Signer& signer, int days, cons
     e.os = f.os;
     e.arch = f.arch;
     e.kind = f.kind;
+    e.rollout = policy.rollout;
+    e.healthSeconds = policy.healthSeconds;
     r.packages.push_back(e);
   }
-  const std::string text = release::writeManifest(r);
-  const std::string comment =
-      "timestamp:" + std::to_string(signer.now) + "\tfile:release.json\tserial:" + std::to_string(r.serial);
-  const std::string signature = release::signFile(text, signer.pem, comment);
-  for (const auto& [name, content] :
-       {std::make_pair("release.json", text), std::make_pair("release.json.minisig", signature)}) {
-    std::ofstream out((fs::path(outDir) / name).string(), std::ios::binary | std::ios::trunc);
-    if (!(out << content) || !out.flush()) throw std::runtime_error(std::string("cannot write ") + name);
-  }
-  std::cout << "release: serial " << r.serial << ", expires " << release::utcText(r.expires) << ", "
-            << r.packages.size() << " package(s)\n";
+  writeRelease(outDir, signer, r);
 }
 
 }  // namespace publish

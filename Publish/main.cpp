@@ -1,4 +1,4 @@
-// kx-publish layout|check ...: see Publish.h and the README.
+// kx-publish layout|check|rollout|revoke|keygen ...: see Publish.h and the README.
 #include <cstdio>
 #include <cstring>
 #include <iostream>
@@ -37,12 +37,16 @@ int refuse(const std::string& message) {
 }
 
 const char* const kUsage =
-    "usage: kx-publish layout <out-dir> --version <a.b.c.d> [--definition] [--sign <key> [--expires <days>]]\n"
-    "                         <os>/<arch>=<package>...\n"
-    "       kx-publish check <server-url> [--from <a.b.c.d>] [--download] [--json] [--key <key.pub>]\n"
+    "usage: kx-publish layout <out-dir> --version <a.b.c.d> [--definition] [--sign <key> [--expires <days>]\n"
+    "                         [--rollout <stages>] [--paused] [--health <seconds>]] <os>/<arch>=<package>...\n"
+    "       kx-publish rollout <tree> --sign <key> [--stages <stages>] [--pause|--resume] [--expires <days>]\n"
+    "       kx-publish revoke <tree> --sign <key> [--expires <days>] <a.b.c.d>...\n"
+    "       kx-publish check <server-url> [--from <a.b.c.d>] [--download] [--json]\n"
+    "                        [--key <key.pub> [--install-id <id>]]\n"
     "       kx-publish keygen <key>\n"
     "       kx-publish --help\n"
-    "  os: macos, linux, windows; arch: amd64, arm64; package: .dmg .pkg .deb .rpm .exe .spk\n";
+    "  os: macos, linux, windows; arch: amd64, arm64; package: .dmg .pkg .deb .rpm .exe .spk\n"
+    "  stages: <when>:<percent>,... when: 0, <n>d, <n>h, <n>m from now or 2026-12-01T00:00:00Z\n";
 
 int usage(const std::string& message) {
   if (!message.empty()) std::cerr << "kx-publish: " << message << "\n";
@@ -66,6 +70,8 @@ int main(int argc, char** argv) {
     if (command == "layout") return publish::layout(args);
     if (command == "check") return publish::check(args);
     if (command == "keygen") return publish::keygen(args);
+    if (command == "rollout") return publish::rollout(args);
+    if (command == "revoke") return publish::revoke(args);
     return publish::usage(command.empty() ? "" : "unknown command " + command);
   } catch (const std::exception& e) {
     std::cerr << "kx-publish: " << e.what() << "\n";

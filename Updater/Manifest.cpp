@@ -240,6 +240,25 @@ Bytes sign(EVP_PKEY* key, const std::string& message) {
 
 }  // namespace
 
+int shareInForce(const Rollout& rollout, int64_t now) {
+  int share = 0;
+  for (const Stage& s : rollout.stages) {
+    if (s.at <= now) share = s.basisPoints;
+  }
+  return rollout.paused ? 0 : share;
+}
+
+std::optional<int64_t> nextStageAt(const Rollout& rollout, int64_t now) {
+  for (const Stage& s : rollout.stages) {
+    if (s.at > now) return s.at;
+  }
+  return std::nullopt;
+}
+
+int bucketOf(const std::string& installId, const std::string& version) {
+  return static_cast<int>(std::stoull(sha256Hex(installId + ":" + version).substr(0, 16), nullptr, 16) % 10000);
+}
+
 std::string keyIdText(const std::array<unsigned char, 8>& id) {
   char text[17] = {};
   for (size_t i = 0; i < id.size(); ++i) std::snprintf(text + 2 * i, 3, "%02X", id[id.size() - 1 - i]);

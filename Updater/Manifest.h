@@ -47,6 +47,17 @@ struct Rollout {
   bool paused = false;        // offered to none, whatever the stages say
 };
 
+// The share offered at now, in hundredths of a percent: the last stage not
+// after now; 0 before the first stage and while paused.
+int shareInForce(const Rollout& rollout, int64_t now);
+// The time of the first stage after now, paused or not; none after the last.
+std::optional<int64_t> nextStageAt(const Rollout& rollout, int64_t now);
+// A machine's place in an entry's rollout, 0 to 9999: the first 8 bytes of
+// the SHA-256 of "<installId>:<version>" as a big-endian number, modulo
+// 10000. The machine is offered the entry while its bucket is below the
+// share in force, and a version of its own draws it again.
+int bucketOf(const std::string& installId, const std::string& version);
+
 struct Entry {
   std::string path;  // under the server's address, no leading "/"
   std::string version;

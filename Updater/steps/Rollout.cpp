@@ -53,20 +53,6 @@ Expected<std::string> newInstallId(const std::string& path) {
 
 }  // namespace
 
-int shareInForce(const release::Rollout& rollout, int64_t now) {
-  if (rollout.paused) return 0;
-  int share = 0;
-  for (const release::Stage& s : rollout.stages) {
-    if (s.at <= now) share = s.basisPoints;
-  }
-  return share;
-}
-
-int bucketOf(const std::string& installId, const std::string& version) {
-  const std::string digest = release::sha256Hex(installId + ":" + version);
-  return static_cast<int>(std::stoull(digest.substr(0, 16), nullptr, 16) % kAll);
-}
-
 Expected<std::string> loadInstallId(const std::string& configDir) {
   const std::string path = configDir + "/" + kInstallIdName;
   if (const std::optional<trusted::Identity> id = trusted::atPath(path)) {
@@ -89,11 +75,11 @@ bool isRevoked(const SignedEntry& signedEntry, const Version& installed) {
 Expected<Offer> decideRollout(const std::string& configDir, const SignedEntry& signedEntry, int64_t now) {
   const release::Entry& e = signedEntry.entry;
   if (!e.rollout) return Offer{true, std::string()};
-  const int share = shareInForce(*e.rollout, now);
+  const int share = release::shareInForce(*e.rollout, now);
   if (share >= kAll) return Offer{true, std::string()};
   const Expected<std::string> id = loadInstallId(configDir);
   if (!id.ok()) return id.failure();
-  const int bucket = bucketOf(*id, e.version);
+  const int bucket = release::bucketOf(*id, e.version);
   if (bucket < share) return Offer{true, std::string()};
   std::string why = "Release of " + utils::logText(e.version) + " is ";
   if (e.rollout->paused) {
@@ -101,10 +87,10 @@ Expected<Offer> decideRollout(const std::string& configDir, const SignedEntry& s
   } else {
     why += "offered to " + percentText(share) + "% of machines, not yet to this one (bucket " + std::to_string(bucket) +
            ")";
-    const auto next = std::find_if(e.rollout->stages.begin(), e.rollout->stages.end(),
-                                   [now](const release::Stage& s) { return s.at > now; });
-    if (next != e.rollout->stages.end()) {
-      why += ", next stage " + percentText(next->basisPoints) + "% at " + release::utcText(next->at);
+    if (const std::optional<int64_t> next = release::nextStageAt(*e.rollout, now)) {
+      const auto stage = std::find_if(e.rollout->stages.begin(), e.rollout->stages.end(),
+                                      [&](const release::Stage& s) { return s.at == *next; });
+      why += ", next stage " + percentText(stage->basisPoints) + "% at " + release::utcText(*next);
     }
   }
   KXLOG(KXLM_ROOT, KXLL_NFY, why);

@@ -90,13 +90,7 @@ constexpr unsigned long long kMaxPackageSize = 8ULL << 30;
 constexpr unsigned long long kFreeSpaceMargin = 16ULL << 20;
 Expected<uint64_t> fetchSize(HttpClient& client, const Setup& setup, const std::string& tempDir);
 
-// Staged rollout. The share of machines an entry is offered to at now, in
-// hundredths of a percent: the last stage not after now, 0 before the first
-// or while paused.
-int shareInForce(const release::Rollout& rollout, int64_t now);
-// The machine's stable place among 10000 for a version: the first 8 bytes of
-// SHA-256 of "<installId>:<version>", big-endian, modulo 10000.
-int bucketOf(const std::string& installId, const std::string& version);
+// Staged rollout (release::shareInForce, release::bucketOf).
 // configDir/install-id: 32 lower-case hex digits, made from 128 random bits
 // of the operating system the first time it is needed; one that is malformed
 // is replaced (WRN); one that is not root's alone refused (12).

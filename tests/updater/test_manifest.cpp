@@ -70,6 +70,28 @@ TEST(Release, DigestsAndTimesByKnownAnswers) {
   }
 }
 
+// Buckets computed apart (python3 hashlib); the share and next stage at and
+// around each stage's time, and paused.
+TEST(Release, RolloutSharesAndBuckets) {
+  EXPECT_EQ(release::bucketOf("0123456789abcdef0123456789abcdef", "7.3.0.0"), 5319);
+  EXPECT_EQ(release::bucketOf("0123456789abcdef0123456789abcdef", "7.4.0.0"), 7463);
+  EXPECT_EQ(release::bucketOf("ffffffffffffffffffffffffffffffff", "7.3.0.0"), 3697);
+  EXPECT_EQ(release::bucketOf("00000000000000000000000000000000", "10.0.0.1"), 9564);
+  release::Rollout r{{{100, 500}, {200, 2500}, {300, 10000}}, false};
+  const struct {
+    int64_t now;
+    int share;
+    int64_t next;  // -1: none
+  } kTimes[] = {{99, 0, 100}, {100, 500, 200}, {199, 500, 200}, {200, 2500, 300}, {300, 10000, -1}};
+  for (const auto& t : kTimes) {
+    EXPECT_EQ(release::shareInForce(r, t.now), t.share) << t.now;
+    EXPECT_EQ(release::nextStageAt(r, t.now).value_or(-1), t.next) << t.now;
+  }
+  r.paused = true;
+  EXPECT_EQ(release::shareInForce(r, 300), 0);
+  EXPECT_EQ(release::nextStageAt(r, 150).value_or(-1), 200);
+}
+
 // A key id is 8 bytes anyone can copy: a pinned key that shares it with the
 // signer's, listed first, must not hide the signer's.
 TEST(Release, EveryPinnedKeyWithTheSignaturesIdIsTried) {
