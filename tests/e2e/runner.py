@@ -298,6 +298,8 @@ class Case:
         if "frozen" in o:
             env.update(LD_PRELOAD=os.environ["KX_FROZEN_CLOCK"], KX_FROZEN_MS=str(FROZEN), TZ="UTC",
                        ASAN_OPTIONS=os.environ.get("ASAN_OPTIONS", "") + ":verify_asan_link_order=0")
+        if "strace" in o:  # LeakSanitizer cannot run under ptrace; the rest of the sanitizers can
+            env.update(ASAN_OPTIONS=env.get("ASAN_OPTIONS", "") + ":detect_leaks=0")
         env.update({k: self.subst(v) for k, v in self.env.items()})
         # /etc/opt hidden behind a directory of the case's own, which keeps what
         # one run writes there for the next: no real configuration is read or written.
