@@ -1,8 +1,6 @@
 // Staged rollout on a machine that pins keys: which share of the machines the
 // signed entry is offered to now, the machine's stable place among them (its
 // bucket), and the versions that must not stay installed.
-#include <sys/random.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <string>
@@ -35,12 +33,12 @@ std::string percentText(int basisPoints) {
 
 // A fresh id: 128 random bits from the operating system.
 Expected<std::string> newInstallId(const std::string& path) {
-  unsigned char raw[kIdDigits / 2] = {};
-  if (getrandom(raw, sizeof raw, 0) != static_cast<ssize_t>(sizeof raw)) {
-    return releaseRefusal(path, "no random bits to make it from");
-  }
+  // The kernel's generator, as both platforms offer it.
+  const std::optional<std::string> raw = trusted::readBounded("/dev/urandom", kIdDigits / 2 - 1);
+  if (!raw || raw->size() != kIdDigits / 2) return releaseRefusal(path, "no random bits to make it from");
   std::string id;
-  for (const unsigned char b : raw) {
+  for (const char c : *raw) {
+    const auto b = static_cast<unsigned char>(c);
     static const char kHex[] = "0123456789abcdef";
     id += kHex[b >> 4];
     id += kHex[b & 0xf];
