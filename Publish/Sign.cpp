@@ -25,8 +25,6 @@ namespace publish {
 
 namespace {
 
-constexpr size_t kChunk = 1 << 20;
-
 // Created for this key alone: never over an existing file, never readable by
 // others.
 void writeNew(const std::string& path, const std::string& text, mode_t mode) {
@@ -37,14 +35,9 @@ void writeNew(const std::string& path, const std::string& text, mode_t mode) {
 }
 
 std::string fileSha256(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  KXHashSHA256 hash;
-  std::string chunk(kChunk, '\0');
-  while (in.read(&chunk[0], static_cast<std::streamsize>(chunk.size())) || in.gcount() > 0) {
-    hash.update(chunk.data(), static_cast<size_t>(in.gcount()));
-  }
-  if (in.bad()) throw std::runtime_error("cannot read " + path);
-  return hash.hex();
+  std::string sum = utils::computeSha256(path);
+  if (sum.empty()) throw std::runtime_error("cannot read " + path);
+  return sum;
 }
 
 // A word as a shell reads it back: quoted unless it is plain.

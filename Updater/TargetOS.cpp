@@ -14,4 +14,6 @@ const char* configRoot() {
   return KX_TARGET_OS_CODE == Macosx ? "/Library/Application Support/KX/conf" : "/etc/opt/kx/conf";
 }
 
+const char* cacheRoot() { return KX_TARGET_OS_CODE == Macosx ? "/Library/Caches/KX/updater" : "/var/cache/kx-updater"; }
+
 }  // namespace utils

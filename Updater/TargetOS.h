@@ -8,5 +8,8 @@ namespace utils {
 // Where the agent keeps its configuration values ("dbdir.cfg", ...): one
 // directory per instance, "<root>" or "<root>.<instance>".
 const char* configRoot();
+// Where a signed install keeps its package when no database directory is
+// configured (instance suffix as for the configuration directory).
+const char* cacheRoot();
 
 }  // namespace utils

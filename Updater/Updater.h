@@ -24,9 +24,13 @@ class Updater {
   // configDir: the agent's configuration directory ("<root>" or
   // "<root>.<instance>", where release keys are pinned), "" for none.
   // recordDir: where last-run.json goes (beside the log), "" for nowhere.
+  // cacheDir: where a signed install keeps its package, made when needed.
   explicit Updater(bool restartOnly = false, std::string configDir = std::string(),
-                   std::string recordDir = std::string())
-      : restartOnly(restartOnly), _configDir(std::move(configDir)), _recordDir(std::move(recordDir)) {}
+                   std::string recordDir = std::string(), std::string cacheDir = std::string())
+      : restartOnly(restartOnly),
+        _configDir(std::move(configDir)),
+        _recordDir(std::move(recordDir)),
+        _cacheDir(std::move(cacheDir)) {}
   // Lets go of the lock file, which stays for the next run to judge.
   virtual ~Updater() { releaseLock(); }
   Updater(const Updater&) = delete;
@@ -103,11 +107,17 @@ class Updater {
   // facts.
   RunEnd update(const steps::Machine& machine, const setup::Setup& setup,
                 const std::optional<steps::SignedEntry>& signedEntry, const Version& available, Facts& facts);
+  // The new version failed its health watch: held from later runs, and the
+  // cached package of the one before installed again (13, rolled back), or
+  // none to go back to (13, failed; the new version stays started).
+  RunEnd rollBack(const steps::Machine& machine, const setup::Setup& setup, const steps::SignedEntry& failed,
+                  Facts& facts);
   setup::Platform platform() const { return setup::Platform{os, arch, distrib}; }
   void keepRecord(const RunEnd& end, const std::string& version, long long startMs) const;
 
   std::string _configDir;
   std::string _recordDir;
+  std::string _cacheDir;
   // The open lock file while this run holds it, else -1.
   int _lock = -1;
 };

@@ -57,14 +57,27 @@ std::string configDirectory(std::vector<std::string>& refusals) {
   return confDir;
 }
 
-// The log directory for the configuration directory, or "" for no file log.
-// What was refused on the way is added to refusals.
-std::string logDirectory(const std::string& confDir, std::vector<std::string>& refusals) {
+// The agent's database directory as dbdir.cfg names it, or "".
+std::string databaseDirectory(const std::string& confDir) {
   char confFile[2048] = {};
   std::snprintf(confFile, sizeof confFile, "%s%s", confDir.c_str(), "/dbdir.cfg");
   char dbDir[1024] = {};
   if (osal_getconfstr(confFile, dbDir, sizeof dbDir) != 0) dbDir[0] = '\0';
-  if (dbDir[0] != '\0') {
+  return dbDir;
+}
+
+// Where a signed install keeps its package: beside the logs in the database
+// directory, else the platform's cache directory with the instance's suffix.
+// Made only when a run needs it.
+std::string cacheDirectory(const std::string& dbDir, const std::string& confDir) {
+  if (!dbDir.empty()) return (boost::filesystem::path(dbDir) / "UpdCache").string();
+  return utils::cacheRoot() + confDir.substr(std::strlen(utils::configRoot()));
+}
+
+// The log directory for the database directory, or "" for no file log.
+// What was refused on the way is added to refusals.
+std::string logDirectory(const std::string& dbDir, std::vector<std::string>& refusals) {
+  if (!dbDir.empty()) {
     // Root creates the log there and rolls it: a directory on the way that
     // someone else can change could point it anywhere.
     std::string dir = (boost::filesystem::path(dbDir) / "UpdLogs").string();
@@ -89,6 +102,7 @@ std::string logDirectory(const std::string& confDir, std::vector<std::string>& r
 struct Places {
   std::string configDir;
   std::string logDir;
+  std::string cacheDir;
 };
 
 // An empty log directory (no usable temporary directory) leaves the sink
@@ -101,7 +115,9 @@ Places init_logging(bool echo) {
   std::vector<std::string> refusals;
   Places places;
   places.configDir = configDirectory(refusals);
-  places.logDir = logDirectory(places.configDir, refusals);
+  const std::string dbDir = databaseDirectory(places.configDir);
+  places.logDir = logDirectory(dbDir, refusals);
+  places.cacheDir = cacheDirectory(dbDir, places.configDir);
   g_KXLogCb = new FileKXLogCb(
       places.logDir.empty() ? std::string() : (boost::filesystem::path(places.logDir) / kLogFileName).string(), echo);
   log->setLogCb(g_KXLogCb);
@@ -128,7 +144,7 @@ int runOnce(const Places& places, bool restartOnly, const std::string& url, cons
   try {
     std::string decoded = utils::decodeURL(url);
     if (!decoded.empty() && decoded.back() == '/') decoded.pop_back();
-    Updater updater(restartOnly, places.configDir, places.logDir);
+    Updater updater(restartOnly, places.configDir, places.logDir, places.cacheDir);
     return updater.checkAndUpdate(decoded, version);
   } catch (const std::exception& e) {
     std::cout << e.what();

@@ -20,6 +20,7 @@ const Row kResults[] = {
     {Result::NotAttached, "disk image could not be attached", false},
     {Result::NoVerifiedFile, "no temporary directory, no verified file, or an exception in the run", false},
     {Result::ReleaseRefused, "a signed release was required and a check of it failed", true},
+    {Result::Unhealthy, "the new version failed its health check", false},
 };
 
 const Row* rowOf(int code) {
@@ -64,6 +65,14 @@ RunEnd RunEnd::waiting(const std::string& why, Facts facts) {
   return RunEnd{Result::Done, Action::Waiting, why, std::move(facts)};
 }
 
+RunEnd RunEnd::held(const std::string& why, Facts facts) {
+  return RunEnd{Result::Done, Action::Held, why, std::move(facts)};
+}
+
+RunEnd RunEnd::rolledBack(const std::string& why, Facts facts) {
+  return RunEnd{Result::Unhealthy, Action::RolledBack, why, std::move(facts)};
+}
+
 RunEnd RunEnd::locked(const std::string& why) { return RunEnd{Result::Done, Action::Locked, why, Facts()}; }
 
 RunEnd RunEnd::failed(const Failure& failure, Facts facts) {
@@ -80,6 +89,7 @@ bool RunEnd::freesLock(bool restartOnly) const {
 }
 
 const char* RunEnd::actionWord() const {
-  static const char* const kWords[] = {"updated", "restarted", "up to date", "locked", "failed", "waiting"};
+  static const char* const kWords[] = {"updated", "restarted", "up to date", "locked",
+                                       "failed",  "waiting",   "held",       "rolled back"};
   return kWords[static_cast<size_t>(action)];
 }

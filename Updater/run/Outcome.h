@@ -20,6 +20,7 @@ enum class Result : int {
   NotAttached = 9,
   NoVerifiedFile = 11,
   ReleaseRefused = 12,
+  Unhealthy = 13,
 };
 
 // What a result stands for, in the words of the documentation ("unknown
@@ -83,7 +84,7 @@ struct Facts {
 // How a run ended, built once: the exit status, the lock's release and the
 // run record all read it.
 struct RunEnd {
-  enum class Action { Updated, Restarted, UpToDate, Locked, Failed, Waiting };
+  enum class Action { Updated, Restarted, UpToDate, Locked, Failed, Waiting, Held, RolledBack };
 
   Result result = Result::Done;
   Action action = Action::Failed;
@@ -92,8 +93,12 @@ struct RunEnd {
 
   static RunEnd done(bool restartOnly, Facts facts);
   static RunEnd upToDate(const std::string& why, Facts facts);
-  // A signed entry not offered to this machine yet: as after nothing to do.
+  // A signed entry not offered to this machine yet, or one whose package
+  // failed its health check here: as after nothing to do.
   static RunEnd waiting(const std::string& why, Facts facts);
+  static RunEnd held(const std::string& why, Facts facts);
+  // The new version failed its health check and the one before is back.
+  static RunEnd rolledBack(const std::string& why, Facts facts);
   // Refused by another run's lock: the exit status is 0 and the lock stays.
   static RunEnd locked(const std::string& why);
   static RunEnd failed(const Failure& failure, Facts facts);
@@ -104,6 +109,6 @@ struct RunEnd {
   int exitStatus() const { return static_cast<int>(result); }
   bool freesLock(bool restartOnly) const;
   // The one word of the record: "updated", "restarted", "up to date",
-  // "locked", "failed" or "waiting".
+  // "locked", "failed", "waiting", "held" or "rolled back".
   const char* actionWord() const;
 };

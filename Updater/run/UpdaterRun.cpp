@@ -67,6 +67,14 @@ RunEnd Updater::decide(const steps::Machine& machine, const setup::Setup& setup,
         "the installed " + machine.current.toString() + " is not older than the published " + facts.offeredVersion,
         facts);
   }
+  if (signedEntry) {
+    if (const std::string since = steps::heldSince(_configDir, signedEntry->entry.sha256); !since.empty()) {
+      const std::string why = "Package of " + signedEntry->entry.version +
+                              " failed its health check on this machine on " + since + ": not installed again";
+      KXLOG(KXLM_ROOT, KXLL_NFY, why);
+      return RunEnd::held(why, facts);
+    }
+  }
   if (revoked) {
     KXLOG(KXLM_ROOT, KXLL_NFY, "Installed version " << machine.current << " is revoked: going to " << available);
   } else if (signedEntry) {
@@ -101,8 +109,43 @@ RunEnd Updater::update(const steps::Machine& machine, const setup::Setup& setup,
   if (!prepared.ok()) return RunEnd::failed(prepared.failure(), facts);
   const steps::Install install{setup.platform, *prepared, *landed, machine.current, available, restartOnly};
   if (Status s = steps::installAgent(install); !s.ok()) return RunEnd::failed(s.failure(), facts);
+  if (signedEntry && !restartOnly) {
+    const int seconds = signedEntry->entry.healthSeconds;
+    if (seconds > 0 && !steps::watchHealth(setup.platform, seconds)) {
+      return rollBack(machine, setup, *signedEntry, facts);
+    }
+    steps::keepInCache(_cacheDir, setup.params, available.toString(), signedEntry->entry.sha256);
+  }
   KXLOG(KXLM_ROOT, KXLL_NFY, "Agent Update done");
   return RunEnd::done(restartOnly, facts);
+}
+
+RunEnd Updater::rollBack(const steps::Machine& machine, const setup::Setup& setup, const steps::SignedEntry& failed,
+                         Facts& facts) {
+  steps::holdPackage(_configDir, failed.entry.sha256);
+  const std::optional<steps::Cached> cached = steps::cachedPackage(_cacheDir);
+  if (!cached || cached->sha256 == failed.entry.sha256) {
+    // The agent stays started on the new version: better than none.
+    const std::string why = "no package of " + machine.current.toString() + " to go back to";
+    KXLOG(KXLM_ROOT, KXLL_ERR, "Rollback failed: " << why);
+    return RunEnd::failed(Failure(Result::Unhealthy, why), facts);
+  }
+  KXLOG(KXLM_ROOT, KXLL_NFY, "Rolling back to " << cached->version);
+  setup::Setup back = setup;
+  back.params.setupPath = cached->path;
+  back.params.setupName = cached->path.substr(cached->path.rfind('/') + 1);
+  const Expected<utils::SetuParameter, setup::SetupFailure> commands = setup::withCommands(back.platform, back.params);
+  const std::optional<trusted::Identity> id = trusted::atPath(cached->path);
+  if (!commands.ok() || !id)
+    return RunEnd::failed(Failure(Result::Unhealthy, "the cached package cannot be used"), facts);
+  back.params = *commands;
+  const HttpClient::Landed landed{id->size, id->device, id->inode, "", cached->sha256};
+  const Expected<utils::SetuParameter> prepared = steps::prepareInstall(back, landed, true);
+  if (!prepared.ok()) return RunEnd::failed(prepared.failure(), facts);
+  const Version previous = Version::parse(cached->version);
+  steps::installAgent({back.platform, *prepared, landed, Version::parse(failed.entry.version), previous, false});
+  return RunEnd::rolledBack(
+      "the new version " + failed.entry.version + " failed its health check; " + cached->version + " is back", facts);
 }
 
 void Updater::keepRecord(const RunEnd& end, const std::string& version, long long startMs) const {

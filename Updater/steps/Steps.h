@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -153,6 +154,32 @@ struct Install {
   bool restartOnly = false;
 };
 Status installAgent(const Install& install);
+// The health watch of a signed entry: the check of the platform's service
+// ("systemctl is-active --quiet kxagent", "synopkg is_onoff tova",
+// "launchctl list com.kxagent", "sc query kxagent") about once a second for
+// seconds; false (logged) at the first non-zero status.
+const char* healthCommand(const Platform& platform);
+bool watchHealth(const Platform& platform, int seconds);
+// The package cache (cacheDir, made root's alone and checked as the log
+// directory is): the package this machine runs, kept after a signed install
+// that stayed healthy, with its version and SHA-256, which is checked again
+// before the file is used.
+struct Cached {
+  std::string path;
+  std::string version;
+  std::string sha256;
+};
+std::optional<Cached> cachedPackage(const std::string& cacheDir);
+// Keeps p's verified download as the installed package, replacing the one
+// before; a failure is a WRN line, never the run's.
+void keepInCache(const std::string& cacheDir, const utils::SetuParameter& p, const std::string& version,
+                 const std::string& sha256);
+// A package that failed its health check here (configDir/update-held): not
+// installed again while the release offers it. heldSince is the time it
+// failed, or "" when that package is not held.
+void holdPackage(const std::string& configDir, const std::string& sha256);
+std::string heldSince(const std::string& configDir, const std::string& sha256);
+
 // Display libraries that agents from 7.2.0.0 on need on Linux, for the
 // package kind.
 void installXcbDeps(int distrib);

@@ -127,6 +127,19 @@ void reportRefusal(const std::string& text) {
   std::cerr << text << std::endl;
 }
 
+std::string computeSha256(const std::string& path) {
+  const int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) return std::string();
+  KXHashSHA256 hash;
+  std::vector<char> chunk(size_t{1} << 20);
+  ssize_t n = 0;
+  while ((n = read(fd, chunk.data(), chunk.size())) > 0 || (n < 0 && errno == EINTR)) {
+    if (n > 0) hash.update(chunk.data(), static_cast<size_t>(n));
+  }
+  close(fd);
+  return n < 0 ? std::string() : hash.hex();
+}
+
 std::string computeMD5(const std::string& path) {
   unsigned char hex[33] = {};
   KXHashMD5::computeFileHexHash(reinterpret_cast<const unsigned char*>(path.c_str()), hex);

@@ -13,6 +13,9 @@ std::string getTempDir();
 
 // MD5 of the file as 32 lower-case hex digits.
 std::string computeMD5(const std::string& path);
+// SHA-256 of the file as 64 lower-case hex digits, read without following a
+// link; "" when it cannot be read.
+std::string computeSha256(const std::string& path);
 
 // Replaces the file at path with text in one step: a file of our own (0600)
 // is made beside it (never through a link), written, synced, and renamed over

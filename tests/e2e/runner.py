@@ -13,6 +13,7 @@ COMMANDS = "hdiutil installer launchctl systemctl dpkg rpm apt-get dnf synopkg n
 ATTACH = "/dev/disk4          \tGUID_partition_scheme          \t\n/dev/disk4s1        \tApple_HFS                      \t/Volumes/Kx Agent\n"
 PLIST = "/Library/LaunchDaemons/com.kxagent.plist"
 MACCONF = "/Library/Application Support/KX"
+MACCACHE = "/Library/Caches/KX"
 # A laid-out tree as a publisher serves it, static files only; each request a line of access.log.
 NGINX_CONF = """pid nginx.pid; worker_processes 1; events {{}} http {{ types {{ application/json json; }} default_type text/plain;
   log_format kx '$request_method $request_uri $status $http_user_agent'; access_log access.log kx; client_body_temp_path body;
@@ -303,7 +304,9 @@ class Case:
         env.update({k: self.subst(v) for k, v in self.env.items()})
         # /etc/opt hidden behind a directory of the case's own, which keeps what
         # one run writes there for the next: no real configuration is read or written.
-        setup = [f"mount --bind {self.E} /etc/opt"]
+        # /var/cache likewise: a signed install keeps its package there when no database directory is configured.
+        os.makedirs(self.path("var-cache"), exist_ok=True)
+        setup = [f"mount --bind {self.E} /etc/opt", f"mount --bind {self.path('var-cache')} /var/cache"]
         for i, (instance, content) in enumerate(self.configs):
             Path(self.path(f"cfg{i}")).write_bytes(content)
             d = "/etc/opt/kx/conf" + ("." + instance if instance else "")
@@ -322,9 +325,11 @@ class Case:
         if self.flow["name"] == "mac":  # macOS's configuration root, on a / of the run's own that has it
             r, root = self.path("root"), ["chroot", self.path("root")]
             os.makedirs(self.path("etc/kx"), exist_ok=True)
-            setup.append(f"mkdir {r} && mount -t tmpfs -o mode=0755 tmpfs {r} && for e in /*; do if [ -L $e ]; then cp -P $e {r}; "
+            os.makedirs(self.path("mac-cache"), exist_ok=True)  # kept from one run of the case to the next, as the cache is
+            setup.append(f"mkdir -p {r} && mount -t tmpfs -o mode=0755 tmpfs {r} && for e in /*; do if [ -L $e ]; then cp -P $e {r}; "
                          f"elif [ -d $e ]; then mkdir {r}$e && mount --rbind $e {r}$e; fi; done && mkdir -p '{r}{MACCONF}' && "
-                         f"mount --bind {self.path('etc/kx')} '{r}{MACCONF}'")
+                         f"mount --bind {self.path('etc/kx')} '{r}{MACCONF}' && mkdir -p {r}{MACCACHE} && "
+                         f"mount --bind {self.path('mac-cache')} {r}{MACCACHE}")
         cmd = ["unshare", "-m", "--propagation", "private", "sh", "-ec", " && ".join(setup) + ' && exec "$@"', "-", *root, *cmd]
         umask, fsize = int(o.get("umask", "022"), 8), int(o.get("fsize", 64 << 20))
 
