@@ -152,7 +152,8 @@ std::string readPolicy(const nlohmann::json& p, Entry& e) {
     if ((stage.basisPoints = basisPoints(s.at("percent"))) < 0) {
       return "a stage" + of + " has no percent from 0 to 100 with at most two decimals";
     }
-    if (!rollout.stages.empty() && stage.at <= rollout.stages.back().at) return "the stages" + of + " go back in time";
+    if (!rollout.stages.empty() && stage.at <= rollout.stages.back().at)
+      return "the stages" + of + " do not go forward in time";
     rollout.stages.push_back(stage);
   }
   e.rollout = rollout;

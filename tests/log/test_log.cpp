@@ -104,6 +104,8 @@ TEST(Stream, EveryOperand) {
       {(S() << KXLogBlob(kBytes, 21, 2) << ' ' << 10).str(),
        "\n0000   1B FF 04 05 06 07 08 09 0A 0B 0C 0D 0E 0F 10 48    ...............H\n0010   65 6C 6C 6F 0A " + pad +
            "      ello. 10"},
+      {(S() << KXLogBlob(kBytes, 16, 2)).str(),  // one whole row: no line break in front
+       "0000   1B FF 04 05 06 07 08 09 0A 0B 0C 0D 0E 0F 10 48    ...............H"},
       {(S() << KXLogHStr("abcdef", 2, 2) << KXLogHStr("abc", 2, 2) << KXLogHStr("abcd", 2, 2)
             << KXLogHStr(nullptr, 2, 2))
            .str(),
