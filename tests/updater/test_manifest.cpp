@@ -50,6 +50,8 @@ TEST(Release, DigestsAndTimesByKnownAnswers) {
   EXPECT_EQ(release::blake2b512Hex("abc"),
             "ba80a53f981c4d0d6a2797b69f12f6e94c212f14685ac4b74b12bb6fdbffa2d1"
             "7d87c5392aab792dc252d5de4533cc9518d38aa8dbf1925ab92386edd4009923");
+  // A key id as people see it: the 8 stored bytes read as a little-endian number.
+  EXPECT_EQ(release::keyIdText({0x01, 0x23, 0x45, 0x67, 0x89, 0xab, 0xcd, 0xef}), "EFCDAB8967452301");
   KXHashSHA256 pieces;  // as a download feeds it, chunk by chunk
   pieces.update("a", 1), pieces.update("bc", 2);
   EXPECT_EQ(pieces.hex(), release::sha256Hex("abc"));
