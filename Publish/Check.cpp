@@ -49,8 +49,9 @@ const Target kTargets[] = {
 
 struct Row {
   std::string platform, url, version, size, md5, verdict;
-  int result = 0;  // the client's result code
-  int status = 0;  // the HTTP status of the request it failed on, if any
+  int result = 0;           // the client's result code
+  int status = 0;           // the HTTP status of the request it failed on, if any
+  int os = 0, distrib = 0;  // the client's, as its target gives them
   bool published = true;
   bool listed = false;  // named by the definition file: its absence is a fault
   bool ok = false;
@@ -83,11 +84,8 @@ std::string failure(const HttpClient::Result& r, const std::string& what) {
   return what + (r.code == 404 ? " not found (404)" : " answered " + std::to_string(r.code));
 }
 
-// "linux/amd64 deb" -> "linux deb": the platforms that publish one kind.
-std::string kindOf(const std::string& platform) {
-  const size_t blank = platform.find(' ');
-  return platform.substr(0, platform.find('/')) + (blank == std::string::npos ? "" : platform.substr(blank));
-}
+// The platforms that publish one kind: "linux deb" for both architectures.
+bool sameKind(const Row& a, const Row& b) { return a.os == b.os && a.distrib == b.distrib; }
 
 bool isLowerHex32(const std::string& s) {
   return s.size() == 32 && s.find_first_not_of("0123456789abcdef") == std::string::npos;
@@ -334,6 +332,8 @@ Row replay(const Target& t, const Options& o, Row row) {
 Row checkOne(const Target& t, const Options& o) {
   Row row;
   row.platform = t.name;
+  row.os = t.os;
+  row.distrib = t.distrib;
   try {
     return replay(t, o, row);
   } catch (const std::exception& e) {
@@ -351,7 +351,7 @@ void unpublishKindsMissingEverywhere(std::vector<Row>& rows) {
   for (Row& r : rows) {
     bool elsewhere = false;
     for (const Row& other : rows) {
-      elsewhere = elsewhere || (kindOf(other.platform) == kindOf(r.platform) && other.published && !missing(other));
+      elsewhere = elsewhere || (sameKind(other, r) && other.published && !missing(other));
     }
     if (!elsewhere && !r.listed && missing(r)) r = notPublished(r);
   }

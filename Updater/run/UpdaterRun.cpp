@@ -133,7 +133,7 @@ RunEnd Updater::rollBack(const steps::Machine& machine, const setup::Setup& setu
   KXLOG(KXLM_ROOT, KXLL_NFY, "Rolling back to " << cached->version);
   setup::Setup back = setup;
   back.params.setupPath = cached->path;
-  back.params.setupName = cached->path.substr(cached->path.rfind('/') + 1);
+  back.params.setupName = cached->name;
   const Expected<utils::SetuParameter, setup::SetupFailure> commands = setup::withCommands(back.platform, back.params);
   const std::optional<trusted::Identity> id = trusted::atPath(cached->path);
   if (!commands.ok() || !id)

@@ -87,10 +87,10 @@ std::optional<Cached> cachedPackage(const std::string& cacheDir) {
   const std::optional<std::string> text = trusted::readBounded(cacheDir + "/" + kCacheRecord, 4096);
   try {
     const nlohmann::json j = nlohmann::json::parse(text.value_or(std::string()));
-    Cached c{cacheDir + "/" + j.at("name").get<std::string>(), j.at("version").get<std::string>(),
-             j.at("sha256").get<std::string>()};
+    const std::string name = j.at("name").get<std::string>();
+    Cached c{name, cacheDir + "/" + name, j.at("version").get<std::string>(), j.at("sha256").get<std::string>()};
     // Checked again before any reuse: it is what was kept, or nothing.
-    if (utils::fileNameProblem(j.at("name").get<std::string>()).empty() && utils::computeSha256(c.path) == c.sha256) {
+    if (utils::fileNameProblem(name).empty() && utils::computeSha256(c.path) == c.sha256) {
       return c;
     }
   } catch (const std::exception&) {

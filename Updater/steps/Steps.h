@@ -165,6 +165,7 @@ bool watchHealth(const Platform& platform, int seconds);
 // that stayed healthy, with its version and SHA-256, which is checked again
 // before the file is used.
 struct Cached {
+  std::string name;  // the file's, in cacheDir
   std::string path;
   std::string version;
   std::string sha256;
