@@ -214,8 +214,9 @@ std::optional<Row> downloadOne(HttpClient& http, Row& row, const setup::Setup& s
     std::cerr << "\r" << utils::logText(row.platform) << ": downloading " << percent << "%" << std::flush;
     progressed = true;
   };
-  const Expected<HttpClient::Landed> landed =
-      steps::downloadVerified(http, s.params, size, md5, signedEntry ? unsigned{HttpClient::kSha256} : 0U, progress);
+  uint64_t fetched = 0;
+  const Expected<HttpClient::Landed> landed = steps::downloadVerified(
+      http, s.params, size, md5, signedEntry ? unsigned{HttpClient::kSha256} : 0U, nullptr, fetched, progress);
   if (progressed) std::cerr << "\n";
   boost::system::error_code ec;
   boost::filesystem::remove(s.params.setupPath, ec);

@@ -27,10 +27,11 @@ namespace {
 // "wb", but the file usually lands in a shared temporary directory and the
 // program runs as root: a link or a hard link planted there is never written
 // through (osal_openOwned). Unbuffered: DownloadTarget gathers the bytes.
-FILE* openForDownload(const std::string& path) {
+// keep: the file is not truncated, so that a download may continue it.
+FILE* openForDownload(const std::string& path, bool keep) {
   int fd = -1;
   const char* replaced = nullptr;
-  if (osal_openOwned(path.c_str(), O_TRUNC, &fd, &replaced) != 0) return nullptr;
+  if (osal_openOwned(path.c_str(), keep ? 0 : O_TRUNC, &fd, &replaced) != 0) return nullptr;
   if (replaced != nullptr) KXLOG(KXLM_ROOT, KXLL_ERR, "Replaced " << path << ": it was " << replaced);
   FILE* file = fdopen(fd, "wb");
   if (file == nullptr) {
@@ -39,6 +40,34 @@ FILE* openForDownload(const std::string& path) {
   }
   setvbuf(file, nullptr, _IONBF, 0);
   return file;
+}
+
+// A header's value whatever case the server wrote its name in; "" when absent.
+std::string headerValue(const std::map<std::string, std::string>& headers, const char* name) {
+  for (const auto& [key, value] : headers) {
+    if (key.size() == std::strlen(name) && strncasecmp(key.c_str(), name, key.size()) == 0) return value;
+  }
+  return std::string();
+}
+
+// If-Range compares strong validators only: a weak ETag says "equivalent",
+// not "the same bytes".
+std::string validatorOf(const std::map<std::string, std::string>& headers) {
+  const std::string etag = headerValue(headers, "ETag");
+  if (!etag.empty() && etag.compare(0, 2, "W/") != 0) return etag;
+  return headerValue(headers, "Last-Modified");
+}
+
+// How much of the file at path, open for writing as file, a download may
+// continue: up to `from` bytes when it is the same file that path names and
+// holds at least that many (cut to them), else none (emptied).
+uint64_t keptPart(const std::string& path, FILE* file, uint64_t from) {
+  struct stat st {};
+  struct stat there {};
+  const bool same = from > 0 && fstat(fileno(file), &st) == 0 && lstat(path.c_str(), &there) == 0 &&
+                    st.st_dev == there.st_dev && st.st_ino == there.st_ino && static_cast<uint64_t>(st.st_size) >= from;
+  if (!same) from = 0;
+  return ftruncate(fileno(file), static_cast<off_t>(from)) == 0 ? from : 0;
 }
 
 // libcurl hands over about 16 KiB at a time; written through as they come,
@@ -53,12 +82,18 @@ constexpr unsigned kHashSlots = 4;
 // receiving and hashing sets the pace, not their sum. SHA-256, three times
 // faster than MD5 here, is taken on the receiving thread, so that neither
 // hash waits for the other. What is hashed is what the file holds: every
-// write is checked, and so is the file's size at the end.
+// write is checked, and so is the file's size at the end. A download that
+// continues a file decides at the first byte of the body whether the answer
+// continues it (then the kept part is read back and hashed first) or starts
+// it over.
 class DownloadTarget {
  public:
   DownloadTarget(uint64_t room, unsigned sums)
       : DownloadTarget(room, (sums & HttpClient::kMd5) != 0, (sums & HttpClient::kSha256) != 0) {}
-  ~DownloadTarget() { stopHashing(); }
+  ~DownloadTarget() {
+    stopHashing();
+    if (_reader >= 0) close(_reader);
+  }
   DownloadTarget(const DownloadTarget&) = delete;
   DownloadTarget& operator=(const DownloadTarget&) = delete;
 
@@ -84,9 +119,20 @@ class DownloadTarget {
   // had, no descriptor is left behind by the exception.
   void writeTo(FILE* file) { _file = file; }
 
+  // The file's first `from` bytes, readable at reader (owned from here on),
+  // are kept if the answer continues them; headers are the answer's.
+  void continueAt(uint64_t from, int reader, CURL* handle, const std::map<std::string, std::string>* headers) {
+    _from = from;
+    _reader = reader;
+    _handle = handle;
+    _headers = headers;
+  }
+
   // libcurl's write callback: takes what fits in the room left, and
   // returns n only when all of it was kept.
   size_t take(const char* data, size_t n) {
+    if (!_decided && !decide()) return 0;
+    _fetched += n;
     const size_t kept = n <= _room ? n : static_cast<size_t>(_room);
     for (size_t done = 0; done < kept;) {
       const size_t part = std::min(kept - done, kFileStep - _used);
@@ -107,6 +153,38 @@ class DownloadTarget {
 
   // Whether the transfer ended because the body ran past the room.
   bool overflowed() const { return _overflowed; }
+  uint64_t fetched() const { return _fetched; }
+  bool decided() const { return _decided; }
+  uint64_t resumedFrom() const { return _resumedFrom; }
+
+  // Whether the answer continues the kept part: a 206 whose range starts
+  // where it ends. Then the kept part is hashed; otherwise the file starts
+  // over, and a 206 from elsewhere also ends the transfer (false). Taken at
+  // the first byte of the body, or after the transfer when none came.
+  bool decide() {
+    _decided = true;
+    if (_from == 0) return true;
+    long status = 0;
+    curl_easy_getinfo(_handle, CURLINFO_RESPONSE_CODE, &status);
+    const std::string range = headerValue(*_headers, "Content-Range");
+    const std::string expected = "bytes " + std::to_string(_from) + "-";
+    if (status == 206 && range.compare(0, expected.size(), expected) == 0) {
+      if (!absorbKept()) return false;
+      KXLOG(KXLM_ROOT, KXLL_NFY, "Download resumed at byte " << _from);
+      _resumedFrom = _from;
+      _room -= std::min(_room, _from);
+      return true;
+    }
+    if (status == 206) {
+      KXLOG(KXLM_ROOT, KXLL_WRN,
+            "Range from byte " << _from << " answered with " << utils::logText(range) << ": download starts over");
+    } else if (status == 200) {
+      KXLOG(KXLM_ROOT, KXLL_WRN, "Range from byte " << _from << " answered with the whole file: download starts over");
+    }
+    _from = 0;
+    if (ftruncate(fileno(_file), 0) != 0 || fseeko(_file, 0, SEEK_SET) != 0) return false;
+    return status != 206;
+  }
 
   // After flush: the lower-case sums asked for of the whole file, each ""
   // when not all of the file was hashed.
@@ -121,12 +199,34 @@ class DownloadTarget {
   }
 
  private:
+  // The kept part, read back from its start and hashed as if it had just
+  // arrived; the file is then written on from its end.
+  bool absorbKept() {
+    for (uint64_t done = 0; done < _from;) {
+      const auto want = static_cast<unsigned int>(std::min<uint64_t>(kFileStep, _from - done));
+      unsigned int got = 0;
+      if (osal_read(_reader, _step, want, &got) != 0 || got != want) return false;
+      _used = got;
+      hashStep();
+      done += got;
+    }
+    return fseeko(_file, static_cast<off_t>(_from), SEEK_SET) == 0;
+  }
+
   bool writeStep() {
-    const size_t length = _used;
-    _used = 0;
     // A step that fell short is not hashed; any part of it that reached the
     // file makes the file's size differ from what was, and md5() gives "".
-    if (HttpClient::readFileResponseCb(_step, 1, length, _file) != length) return false;
+    if (HttpClient::readFileResponseCb(_step, 1, _used, _file) != _used) {
+      _used = 0;
+      return false;
+    }
+    hashStep();
+    return true;
+  }
+
+  void hashStep() {
+    const size_t length = _used;
+    _used = 0;
     if (_sha256 != nullptr) {
       _sha256->update(_step, length);
       _sha256Bytes += length;
@@ -135,7 +235,6 @@ class DownloadTarget {
       _ring->publish(length);
       _step = _ring->slotToFill();
     }
-    return true;
   }
 
   void stopHashing() {
@@ -145,6 +244,13 @@ class DownloadTarget {
   }
 
   FILE* _file = nullptr;
+  uint64_t _from = 0;
+  int _reader = -1;
+  CURL* _handle = nullptr;
+  const std::map<std::string, std::string>* _headers = nullptr;
+  bool _decided = false;
+  uint64_t _resumedFrom = 0;
+  uint64_t _fetched = 0;
   uint64_t _room;
   const std::unique_ptr<KXHashSHA256> _sha256;
   uint64_t _sha256Bytes = 0;
@@ -167,11 +273,12 @@ constexpr long kDownloadBufferSize = 256L * 1024;
 
 const char* const kNoHandle = "no connection could be made";
 
-// A download's progress: the last percentage, and who else hears the steps
-// the log reports.
+// A download's progress: the last percentage, who else hears the steps the
+// log reports, and the download, whose kept part counts as done.
 struct ProgressState {
   int lastPercent;
   const HttpClient::Progress* notify;
+  const DownloadTarget* target;
 };
 
 // libcurl reports progress in curl_off_t; the client's callback keeps the
@@ -179,8 +286,9 @@ struct ProgressState {
 int xferInfoAdapter(void* clientp, curl_off_t dltotal, curl_off_t dlnow, curl_off_t ultotal, curl_off_t ulnow) {
   auto& state = *static_cast<ProgressState*>(clientp);
   const int before = state.lastPercent;
-  HttpClient::progressCb(&state.lastPercent, static_cast<long>(dltotal), static_cast<long>(dlnow),
-                         static_cast<long>(ultotal), static_cast<long>(ulnow));
+  const auto kept = static_cast<curl_off_t>(state.target->resumedFrom());
+  HttpClient::progressCb(&state.lastPercent, static_cast<long>(dltotal == 0 ? 0 : dltotal + kept),
+                         static_cast<long>(dlnow + kept), static_cast<long>(ultotal), static_cast<long>(ulnow));
   if (*state.notify && state.lastPercent > before && state.lastPercent % 10 == 0) (*state.notify)(state.lastPercent);
   return 0;
 }
@@ -248,7 +356,8 @@ HttpClient::HttpClient() : handle(nullptr), initialised(false) {}
 // What every request does once perform has returned. A download's file is
 // closed after a failure has been logged, and before the status is judged,
 // so that the caller finds it complete on disk whatever the outcome.
-HttpClient::Result HttpClient::finish(int code, const std::string& url, const char* statusFailure, FILE* file) {
+HttpClient::Result HttpClient::finish(int code, const std::string& url, const char* statusFailure, FILE* file,
+                                      bool continued) {
   const auto rc = static_cast<CURLcode>(code);
   Result last{-1, std::string()};
   // Followed on purpose (mirrors, CDNs), but a server that sends root's
@@ -276,6 +385,8 @@ HttpClient::Result HttpClient::finish(int code, const std::string& url, const ch
     return last;
   }
   if (file != nullptr) std::fclose(file);
+  // A range that continued the file is as good as the whole file.
+  if (continued && status == 206) status = 200;
   last.code = status == 200 ? 0 : static_cast<int>(status);
   if (status != 200) KXLOG(KXLM_ROOT, KXLL_ERR, "Request " << utils::logUrl(url) << " failed : [" << status << "]");
   return last;
@@ -362,17 +473,25 @@ HttpClient::Result HttpClient::head(const std::string& url, std::map<std::string
 
 HttpClient::Result HttpClient::download(const std::string& url, const std::string& path,
                                         std::map<std::string, std::string>& headers, uint64_t limit, Landed* landed,
-                                        unsigned sums, const Progress& progress) {
+                                        unsigned sums, const Progress& progress, const Resume* resume) {
   if (!init()) return Result{-1, kNoHandle};
   headers.clear();
   curl_easy_setopt(handle, CURLOPT_URL, (config + url).c_str());
   // One byte past the limit is kept, so that the file is of the wrong size
   // rather than a plausible prefix of something longer.
   DownloadTarget target(limit == kNoLimit ? kNoLimit : limit + 1, sums);
-  FILE* file = openForDownload(path);
+  const Resume asked = resume != nullptr && !resume->validator.empty() ? *resume : Resume();
+  FILE* file = openForDownload(path, asked.from > 0);
   if (file == nullptr) return Result{-1, "cannot open " + path};
   target.writeTo(file);
-  ProgressState steps{0, &progress};
+  const uint64_t from = keptPart(path, file, asked.from);
+  if (from > 0) target.continueAt(from, open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC), handle, &headers);
+  const std::string range = std::to_string(from) + "-";
+  const std::unique_ptr<curl_slist, void (*)(curl_slist*)> ifRange(
+      from > 0 ? curl_slist_append(nullptr, ("If-Range: " + asked.validator).c_str()) : nullptr, curl_slist_free_all);
+  curl_easy_setopt(handle, CURLOPT_RANGE, from > 0 ? range.c_str() : nullptr);
+  curl_easy_setopt(handle, CURLOPT_HTTPHEADER, ifRange.get());
+  ProgressState steps{0, &progress, &target};
   curl_easy_setopt(handle, CURLOPT_NOBODY, 0L);
   curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, &writeToTarget);
   curl_easy_setopt(handle, CURLOPT_WRITEDATA, &target);
@@ -391,14 +510,18 @@ HttpClient::Result HttpClient::download(const std::string& url, const std::strin
   // megabytes may step over a ten; real links deliver far smaller reads.
   curl_easy_setopt(handle, CURLOPT_BUFFERSIZE, kDownloadBufferSize);
   CURLcode rc = curl_easy_perform(handle);
-  // The counter lives in this frame; a later get or head on the same handle
-  // must not report progress into it.
+  // The counter and the range live in this frame; a later get or head on the
+  // same handle must not report progress into them or ask for a range.
   curl_easy_setopt(handle, CURLOPT_NOPROGRESS, 1L);
   curl_easy_setopt(handle, CURLOPT_XFERINFODATA, nullptr);
+  curl_easy_setopt(handle, CURLOPT_RANGE, nullptr);
+  curl_easy_setopt(handle, CURLOPT_HTTPHEADER, nullptr);
   // A body that runs past what the server announced is cut rather than
   // allowed to fill the disk; what was kept is a complete (if wrong-sized)
   // download for the caller's size check.
   if (rc == CURLE_WRITE_ERROR && target.overflowed()) rc = CURLE_OK;
+  // An answer without a body still says whether the kept part stands.
+  if (rc == CURLE_OK && !target.decided() && !target.decide()) rc = CURLE_WRITE_ERROR;
   if (!target.flush() && rc == CURLE_OK) rc = CURLE_WRITE_ERROR;
   if (landed != nullptr) {
     *landed = Landed{};
@@ -409,8 +532,11 @@ HttpClient::Result HttpClient::download(const std::string& url, const std::strin
       landed->inode = static_cast<uint64_t>(st.st_ino);
     }
     target.sums(landed->size, *landed);
+    landed->fetched = target.fetched();
+    landed->resumedFrom = target.resumedFrom();
+    landed->validator = target.resumedFrom() > 0 ? asked.validator : validatorOf(headers);
   }
-  return finish(rc, url, kGetStatusFailure, file);
+  return finish(rc, url, kGetStatusFailure, file, target.resumedFrom() > 0);
 }
 
 size_t HttpClient::readResponsCb(void* data, size_t size, size_t nmemb, void* userp) {

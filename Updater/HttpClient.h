@@ -64,6 +64,19 @@ class HttpClient {
     // could not be established.
     std::string md5;
     std::string sha256;
+    uint64_t fetched = 0;      // bytes of the body this request received
+    uint64_t resumedFrom = 0;  // where the body continued the file; 0: from its start
+    // What names the server's file for a later If-Range: the strong ETag, else
+    // the Last-Modified, of the answer that began the file; "" when none.
+    std::string validator;
+  };
+  // Where a download continues a file it began before: the file's first
+  // `from` bytes are kept when the server answers the Range with them as the
+  // validator says (206 from that byte on), and hashed again from the file;
+  // any other answer starts the file over.
+  struct Resume {
+    uint64_t from = 0;
+    std::string validator;
   };
   enum Sums : unsigned { kMd5 = 1, kSha256 = 2 };
 
@@ -76,11 +89,13 @@ class HttpClient {
   // With landed, it receives what the file holds once the file was opened,
   // and the sums asked for (Sums), computed while it is written from each
   // step that reached the file (MD5 by a second thread, joined before the
-  // call returns). progress, when given, hears each "Loading" step.
+  // call returns). progress, when given, hears each "Loading" step. With a
+  // resume (may be null), the file at path is kept rather than truncated, and the limit
+  // counts from its first byte (Resume).
   static constexpr uint64_t kNoLimit = ~uint64_t{0};
   Result download(const std::string& url, const std::string& path, std::map<std::string, std::string>& headers,
                   uint64_t limit = kNoLimit, Landed* landed = nullptr, unsigned sums = 0,
-                  const Progress& progress = Progress());
+                  const Progress& progress = Progress(), const Resume* resume = nullptr);
 
   // Bounds that keep a slow or silent server from holding a run for ever:
   // every request is abandoned when fewer than kLowSpeedBytes a second
@@ -108,7 +123,7 @@ class HttpClient {
   static int progressCb(void* clientp, long dltotal, long dlnow, long ultotal, long ulnow);
 
  private:
-  Result finish(int rc, const std::string& url, const char* statusFailure, FILE* file);
+  Result finish(int rc, const std::string& url, const char* statusFailure, FILE* file, bool continued = false);
 
   CURL* handle;
   std::string config;

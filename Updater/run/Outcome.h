@@ -79,6 +79,7 @@ struct Facts {
   std::string offeredVersion;  // "" when the server was not asked
   std::string packageUrl;      // "" when no package was resolved
   uint64_t packageSize = 0;    // 0 when not known
+  uint64_t bytesFetched = 0;   // of the package, by this run
 };
 
 // How a run ended, built once: the exit status, the lock's release and the

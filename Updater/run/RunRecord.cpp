@@ -25,6 +25,7 @@ std::string RunRecord::json() const {
                             {"offered_version", end.facts.offeredVersion},
                             {"package_url", utils::logUrl(end.facts.packageUrl)},
                             {"package_size", end.facts.packageSize},
+                            {"bytes_fetched", end.facts.bytesFetched},
                             {"reason", end.reason.empty() ? nlohmann::json() : nlohmann::json(end.reason)}};
   // Versions and reasons are escaped server text already; a byte that is
   // still no UTF-8 is replaced rather than failing the record.

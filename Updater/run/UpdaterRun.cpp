@@ -96,8 +96,12 @@ RunEnd Updater::update(const steps::Machine& machine, const setup::Setup& setup,
     // Before a byte is downloaded.
     if (Status s = steps::matchRelease(*signedEntry, *size); !s.ok()) return RunEnd::failed(s.failure(), facts);
   }
-  const Expected<HttpClient::Landed> landed = steps::downloadVerified(httpClient, setup.params, *size, hashFile.sum,
-                                                                      signedEntry ? unsigned{HttpClient::kSha256} : 0U);
+  // A signed entry names the bytes before they arrive: a cut transfer may
+  // be continued, also by the next run.
+  const steps::Resumable resumable{_cacheDir, signedEntry ? signedEntry->entry.sha256 : std::string()};
+  const Expected<HttpClient::Landed> landed = steps::downloadVerified(
+      httpClient, setup.params, *size, hashFile.sum, signedEntry ? unsigned{HttpClient::kSha256} : 0U,
+      signedEntry ? &resumable : nullptr, facts.bytesFetched);
   if (!landed.ok()) return RunEnd::failed(landed.failure(), facts);
   if (signedEntry) {
     if (Status s = steps::acceptRelease(*signedEntry, *landed, _configDir); !s.ok()) {
@@ -139,7 +143,11 @@ RunEnd Updater::rollBack(const steps::Machine& machine, const setup::Setup& setu
   if (!commands.ok() || !id)
     return RunEnd::failed(Failure(Result::Unhealthy, "the cached package cannot be used"), facts);
   back.params = *commands;
-  const HttpClient::Landed landed{id->size, id->device, id->inode, "", cached->sha256};
+  HttpClient::Landed landed;
+  landed.size = id->size;
+  landed.device = id->device;
+  landed.inode = id->inode;
+  landed.sha256 = cached->sha256;
   const Expected<utils::SetuParameter> prepared = steps::prepareInstall(back, landed, true);
   if (!prepared.ok()) return RunEnd::failed(prepared.failure(), facts);
   const Version previous = Version::parse(cached->version);

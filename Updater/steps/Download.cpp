@@ -53,24 +53,39 @@ Failure rejected(Verdict verdict, uint64_t size) {
 }  // namespace
 
 Expected<HttpClient::Landed> downloadVerified(HttpClient& client, const utils::SetuParameter& p, uint64_t size,
-                                              const std::string& md5, unsigned sums,
-                                              const HttpClient::Progress& progress) {
+                                              const std::string& md5, unsigned sums, const Resumable* resumable,
+                                              uint64_t& fetched, const HttpClient::Progress& progress) {
   std::map<std::string, std::string> headers;
   HttpClient::Landed landed;
+  HttpClient::Resume resume = resumable != nullptr ? takePartial(*resumable, p.setupPath, size) : HttpClient::Resume();
   Verdict verdict = Verdict::NotTried;
   for (int attempt = 0; attempt < kDownloadAttempts && verdict != Verdict::Accepted; ++attempt) {
+    const bool continued = resume.from > 0;
     const HttpClient::Result answer = client.download(p.setupUrl, p.setupPath, headers, size, &landed,
-                                                      (md5.empty() ? 0U : HttpClient::kMd5) | sums, progress);
+                                                      (md5.empty() ? 0U : HttpClient::kMd5) | sums, progress, &resume);
+    fetched += landed.fetched;
+    // What a cut transfer left can be continued when the server named it.
+    const bool continuable = resumable != nullptr && landed.size > 0 && landed.size < size && !landed.validator.empty();
+    resume = continuable ? HttpClient::Resume{landed.size, landed.validator} : HttpClient::Resume();
+    // A cut transfer goes on; one whose range was answered amiss starts over.
+    if (answer.code < 0 && (continuable || (resumable != nullptr && continued)) && attempt + 1 < kDownloadAttempts) {
+      if (continuable) {
+        KXLOG(KXLM_ROOT, KXLL_WRN, "Download cut at byte " << landed.size << " of " << size << " - try again");
+      } else {
+        KXLOG(KXLM_ROOT, KXLL_WRN, "Download starts over - try again");
+      }
+      continue;
+    }
     if (answer.code != 0) {
+      continuable ? keepPartial(*resumable, p.setupPath, landed, size) : removeDownload(p.setupPath, landed);
       KXLOG(KXLM_ROOT, KXLL_ERR, "'Fail to download setup file: [" << answer.code << "]");
-      removeDownload(p.setupPath, landed);
       return Failure(Result::RequestFailed, "download of " + utils::logUrl(p.setupUrl),
                      answer.code > 0 ? std::to_string(answer.code) : answer.error, answer);
     }
     verdict = judge(landed, size, md5, p.setupPath);
   }
   if (verdict == Verdict::Accepted) return landed;
-  removeDownload(p.setupPath, landed);
+  resume.from > 0 ? keepPartial(*resumable, p.setupPath, landed, size) : removeDownload(p.setupPath, landed);
   return rejected(verdict, size);
 }
 

@@ -23,8 +23,8 @@ namespace {
 const char* const kCacheRecord = "installed.json";
 const char* const kHeldName = "update-held";
 
-// The cache directory, made root's alone where it is missing; "" or why it
-// cannot be used.
+}  // namespace
+
 std::string cacheProblem(const std::string& cacheDir) {
   if (cacheDir.empty()) return "there is no cache directory";
   bool created = false;
@@ -32,31 +32,6 @@ std::string cacheProblem(const std::string& cacheDir) {
   if (created) chmod(cacheDir.c_str(), 0700);
   return utils::directoryProblem(cacheDir);
 }
-
-// from copied to a file of our own at to: written beside it, synced and
-// renamed over it.
-bool copyFile(const std::string& from, const std::string& to) {
-  const int in = open(from.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
-  const std::string fresh = to + "." + std::to_string(getpid());
-  int out = -1;
-  if (in < 0 || osal_openOwned(fresh.c_str(), O_TRUNC, &out, nullptr, 0600) != 0) {
-    if (in >= 0) close(in);
-    return false;
-  }
-  std::vector<char> chunk(size_t{1} << 20);
-  ssize_t n = 0;
-  bool ok = true;
-  while (ok && (n = read(in, chunk.data(), chunk.size())) > 0) {
-    ok = osal_writeFix(out, chunk.data(), static_cast<unsigned int>(n)) == 0;
-  }
-  ok = ok && n == 0 && fsync(out) == 0;
-  close(in);
-  ok = osal_close(out) == 0 && ok && rename(fresh.c_str(), to.c_str()) == 0;
-  if (!ok) unlink(fresh.c_str());
-  return ok;
-}
-
-}  // namespace
 
 const char* healthCommand(const Platform& platform) {
   switch (platform.os) {
@@ -102,7 +77,7 @@ void keepInCache(const std::string& cacheDir, const utils::SetuParameter& p, con
                  const std::string& sha256) {
   std::string problem = cacheProblem(cacheDir);
   const std::optional<Cached> before = problem.empty() ? cachedPackage(cacheDir) : std::nullopt;
-  if (problem.empty() && !copyFile(p.setupPath, cacheDir + "/" + p.setupName)) problem = "the copy failed";
+  if (problem.empty() && !utils::copyFile(p.setupPath, cacheDir + "/" + p.setupName)) problem = "the copy failed";
   const nlohmann::json record = {{"name", p.setupName}, {"version", version}, {"sha256", sha256}};
   if (problem.empty()) problem = utils::replaceFile(cacheDir + "/" + kCacheRecord, record.dump() + "\n");
   if (!problem.empty()) {

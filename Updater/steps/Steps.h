@@ -116,12 +116,30 @@ std::string guardProblem(const std::string& dir, const trusted::Identity& id);
 // downloading, the landed one after.
 Status matchRelease(const SignedEntry& signedEntry, uint64_t size);
 
+// A signed download, whose size and SHA-256 are known before it starts,
+// may continue a cut transfer: in the next attempt, and in the next run
+// from the partial file kept in cacheDir for the entry with that SHA-256.
+struct Resumable {
+  std::string cacheDir;
+  std::string sha256;
+};
 // Up to three downloads to p.setupPath until one has the size and, when a
 // sum is given, the sum: 2 (a download failed), 6 (size), 7 (sum) or 11.
 // The file of a failed download is removed. sums adds HttpClient::kSha256.
+// With resumable, a transfer cut short is continued by the next attempt,
+// and a run that ends without the whole file keeps what it has for the
+// next. fetched adds the bytes received, whatever the outcome.
 Expected<HttpClient::Landed> downloadVerified(HttpClient& client, const utils::SetuParameter& p, uint64_t size,
-                                              const std::string& md5, unsigned sums,
+                                              const std::string& md5, unsigned sums, const Resumable* resumable,
+                                              uint64_t& fetched,
                                               const HttpClient::Progress& progress = HttpClient::Progress());
+// The partial file kept for the entry, moved to path, and where the
+// download continues it; nothing (and the file dropped) when it is for
+// another entry or not a file of ours alone shorter than size.
+HttpClient::Resume takePartial(const Resumable& resumable, const std::string& path, uint64_t size);
+// What landed at path kept for the next run, with the validator that lets
+// it continue; removed when it cannot be kept.
+void keepPartial(const Resumable& resumable, const std::string& path, const HttpClient::Landed& landed, uint64_t size);
 // Why path is no longer the file that landed (another file put in its
 // place, a link, a second name, writable by others), or "".
 std::string landedProblem(const std::string& path, const HttpClient::Landed& landed);
@@ -171,6 +189,9 @@ struct Cached {
   std::string sha256;
 };
 std::optional<Cached> cachedPackage(const std::string& cacheDir);
+// The cache directory, made root's alone where it is missing; "" or why it
+// cannot be used.
+std::string cacheProblem(const std::string& cacheDir);
 // Keeps p's verified download as the installed package, replacing the one
 // before; a failure is a WRN line, never the run's.
 void keepInCache(const std::string& cacheDir, const utils::SetuParameter& p, const std::string& version,

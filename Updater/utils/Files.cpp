@@ -93,6 +93,32 @@ std::string directoryProblem(const std::string& dir) {
   return walkDirectories(path, &real, &links);
 }
 
+bool copyFile(const std::string& from, const std::string& to) {
+  const int in = open(from.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+  const std::string fresh = to + "." + std::to_string(getpid());
+  int out = -1;
+  if (in < 0 || osal_openOwned(fresh.c_str(), O_TRUNC, &out, nullptr, 0600) != 0) {
+    if (in >= 0) close(in);
+    return false;
+  }
+  std::vector<char> chunk(size_t{1} << 20);
+  ssize_t n = 0;
+  bool ok = true;
+  while (ok && (n = read(in, chunk.data(), chunk.size())) > 0) {
+    ok = osal_writeFix(out, chunk.data(), static_cast<unsigned int>(n)) == 0;
+  }
+  ok = ok && n == 0 && fsync(out) == 0;
+  close(in);
+  ok = osal_close(out) == 0 && ok && rename(fresh.c_str(), to.c_str()) == 0;
+  if (!ok) unlink(fresh.c_str());
+  return ok;
+}
+
+bool moveFile(const std::string& from, const std::string& to) {
+  if (rename(from.c_str(), to.c_str()) == 0) return true;
+  return errno == EXDEV && copyFile(from, to) && unlink(from.c_str()) == 0;
+}
+
 std::string replaceFile(const std::string& path, const std::string& text) {
   const std::string fresh = path + "." + std::to_string(getpid());
   int fd = -1;

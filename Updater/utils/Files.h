@@ -24,6 +24,13 @@ std::string computeSha256(const std::string& path);
 // "" on success, else why not.
 std::string replaceFile(const std::string& path, const std::string& text);
 
+// from copied to a file of our own at to (0600): written beside it, synced
+// and renamed over it, so that a link at to is replaced, not followed.
+bool copyFile(const std::string& from, const std::string& to);
+// from renamed to to, or copied (copyFile) and removed where they lie on
+// different file systems.
+bool moveFile(const std::string& from, const std::string& to);
+
 // Why dir is no place for the files of a run as root, or "" when it is fine:
 // "<component> is <reason>". Every directory from the root down must be owned
 // by root or us and not writable by others without the sticky bit (anyone

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 # runner.py <bin dir> <cases file> <case name>: one case of a .cases file (format at the top of update.cases).
 # Exit status: 0 passed, 1 failed (what differed is printed), 77 skipped.
-import hashlib, json, os, platform, random, re, resource, shlex, shutil, signal, socket, ssl, stat
+import copy, hashlib, json, os, platform, random, re, resource, shlex, shutil, signal, socket, ssl, stat
 import subprocess, sys, tempfile, threading, time
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 from pathlib import Path
@@ -16,7 +16,7 @@ MACCONF = "/Library/Application Support/KX"
 MACCACHE = "/Library/Caches/KX"
 # A laid-out tree as a publisher serves it, static files only; each request a line of access.log.
 NGINX_CONF = """pid nginx.pid; worker_processes 1; events {{}} http {{ types {{ application/json json; }} default_type text/plain;
-  log_format kx '$request_method $request_uri $status $http_user_agent'; access_log access.log kx; client_body_temp_path body;
+  log_format kx '$request_method $request_uri $status $http_range $http_user_agent'; access_log access.log kx; client_body_temp_path body;
   proxy_temp_path proxy; fastcgi_temp_path fastcgi; uwsgi_temp_path uwsgi; scgi_temp_path scgi; server {{ listen 127.0.0.1:{port};
   root "{root}"; location / {{ try_files $uri =404; }} }} }}"""
 # Seconds: what all the waits of one case may take together, and what any one stop may take (a process that outlasts it is
@@ -93,10 +93,14 @@ class Answer:
         body, *mods = answer.split(",") if not answer.startswith(("=", "def:")) else (answer, )
         body, mods = ("page", [body] + mods) if body.startswith("redirect=") else (body, mods)
         self.status, body = (int(body), "page") if re.fullmatch(r"\d{3}", body) else (200, body)
-        self.body, self.location, self.fault = body_of(body, case), None, None
+        self.body, self.location, self.fault, self.etag, self.ranges = body_of(body, case), None, None, None, "honoured"
         for m in mods:
             if m.startswith("redirect="):
                 self.status, self.body, self.location = 302, b"", m[9:]
+            elif m.startswith("etag="):  # names the body, which then comes in ranges as nginx sends them
+                self.etag = f'"{m[5:]}"'
+            elif m in ("norange", "badrange"):  # a range answered with the whole body, or with one from its start
+                self.ranges = m
             else:
                 self.fault = m
 
@@ -128,10 +132,21 @@ class Handler(BaseHTTPRequestHandler):
         case = self.server.case
         if self.headers.get("User-Agent") != "Updater/1.0.0":
             case.failures.append(f"{self.command} {self.path} came as {self.headers.get('User-Agent')!r}")
-        a = case.answer_for(self.command, self.path)
+        wanted = self.headers.get("Range")
+        a = case.answer_for(self.command, self.path, wanted)
         if a.fault == "silent":
             return case.stopping.wait()
+        m = re.fullmatch(r"bytes=(\d+)-", wanted or "")
+        start = int(m[1]) if m and a.etag and a.ranges != "norange" and self.headers.get("If-Range", a.etag) == a.etag else None
+        if start is not None and start < len(a.body) and a.status == 200:
+            whole, a = a.body, copy.copy(a)  # the answer is shared by later turns
+            start = 0 if a.ranges == "badrange" else start
+            a.status, a.body = 206, whole[start:]
         self.send_response(a.status)
+        if a.status == 206:
+            self.send_header("Content-Range", f"bytes {start}-{len(whole) - 1}/{len(whole)}")
+        if a.etag:
+            self.send_header("ETag", a.etag)
         if a.location:
             self.send_header("Location", a.location)
         self.close_connection = a.fault in ("nolength", "endless", "short", "reset")
@@ -252,15 +267,15 @@ class Case:
                 kill_group(p)  # its worker too, which a master that ends of itself has ended first
                 ended(p, STOP) or self.failures.append(f"nginx still there {STOP} s after SIGKILL")
         log = Path(self.path("nginx", "access.log"))
-        for method, uri, status, agent in (line.split(" ", 3) for line in (log.read_text("latin-1").splitlines() if log.exists() else [])):
-            self.requests.append(f"{method} {uri}")
+        for method, uri, status, wanted, agent in (line.split(" ", 4) for line in (log.read_text("latin-1").splitlines() if log.exists() else [])):
+            self.requests.append(f"{method} {uri}" + (f" range={wanted[6:]}" if wanted != "-" else ""))
             agent == "Updater/1.0.0" or self.failures.append(f"{method} {uri} came as {agent!r}")
             status != "404" or unquote(urlsplit(uri).path) in self.gone or self.unexpected.append(f"{method} {uri}")
         log.unlink(missing_ok=True)
 
-    def answer_for(self, method, path):
+    def answer_for(self, method, path, wanted=None):
         with self.lock:
-            self.requests.append(f"{method} {path}")
+            self.requests.append(f"{method} {path}" + (f" range={wanted[6:]}" if wanted else ""))
             p = unquote(urlsplit(path).path)
             turns = self.routes.get(p) or next((v for k, v in self.routes.items() if k.endswith("*") and p.startswith(k[:-1])), None)
             if turns is None:

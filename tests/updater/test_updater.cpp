@@ -120,7 +120,10 @@ TEST(Install, DisplayLibrariesPerPlatformAndPackageKind) {
     writeFile(p.setupPath, "rpm");
     struct stat st {};
     ASSERT_EQ(stat(p.setupPath.c_str(), &st), 0);
-    const HttpClient::Landed landed{3, static_cast<uint64_t>(st.st_dev), static_cast<uint64_t>(st.st_ino), "", ""};
+    HttpClient::Landed landed;
+    landed.size = 3;
+    landed.device = static_cast<uint64_t>(st.st_dev);
+    landed.inode = static_cast<uint64_t>(st.st_ino);
     p.stopCmd = "systemctl stop";
     p.installCmd = "rpm -U /t/a.rpm";
     p.startCmd = "systemctl start";
