@@ -66,7 +66,8 @@ kx_stop_server() {
 # (made and given to nobody), which also holds its pid file, logs and
 # temporary directories; nothing of the machine's nginx set-up is read. It
 # stops with the calling shell. One line a request in <state dir>/access.log:
-# method, URI, status, bytes sent, "user agent". Sets KX_NGINX_PID and
+# method, URI, status, bytes sent, "user agent", the connection's serial
+# number. Sets KX_NGINX_PID and
 # KX_NGINX_PORT; status 1 when it did not start (why is in error.log there).
 #   kx_start_nginx <directory> <state dir> [<connections per worker>]
 kx_start_nginx() {
@@ -86,7 +87,7 @@ http {
   types { application/json json; text/plain txt md5; }
   default_type application/octet-stream;
   sendfile on;
-  log_format kx '\$request_method \$request_uri \$status \$bytes_sent "\$http_user_agent"';
+  log_format kx '\$request_method \$request_uri \$status \$bytes_sent "\$http_user_agent" \$connection';
   access_log access.log kx;
   client_body_temp_path body; proxy_temp_path proxy; fastcgi_temp_path fastcgi; uwsgi_temp_path uwsgi; scgi_temp_path scgi;
   server {
