@@ -53,7 +53,7 @@ std::string headerValue(const std::map<std::string, std::string>& headers, const
 // If-Range compares strong validators only: a weak ETag says "equivalent",
 // not "the same bytes".
 std::string validatorOf(const std::map<std::string, std::string>& headers) {
-  const std::string etag = headerValue(headers, "ETag");
+  std::string etag = headerValue(headers, "ETag");
   if (!etag.empty() && etag.compare(0, 2, "W/") != 0) return etag;
   return headerValue(headers, "Last-Modified");
 }
