@@ -51,11 +51,14 @@ std::string headerValue(const std::map<std::string, std::string>& headers, const
 }
 
 // If-Range compares strong validators only: a weak ETag says "equivalent",
-// not "the same bytes".
+// not "the same bytes". The validator is kept on disk and goes back to the
+// server in a header of ours: one that is long or holds anything but
+// printable ASCII is not taken.
 std::string validatorOf(const std::map<std::string, std::string>& headers) {
   std::string etag = headerValue(headers, "ETag");
-  if (!etag.empty() && etag.compare(0, 2, "W/") != 0) return etag;
-  return headerValue(headers, "Last-Modified");
+  std::string v = !etag.empty() && etag.compare(0, 2, "W/") != 0 ? etag : headerValue(headers, "Last-Modified");
+  const bool plain = v.size() <= 256 && std::all_of(v.begin(), v.end(), [](char c) { return c >= 0x20 && c < 0x7f; });
+  return plain ? v : std::string();
 }
 
 // How much of the file at path, open for writing as file, a download may
