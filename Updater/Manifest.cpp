@@ -45,7 +45,8 @@ using Bio = std::unique_ptr<BIO, BioFree>;
 bool startsWith(const std::string& s, const char* prefix) { return s.rfind(prefix, 0) == 0; }
 
 std::string base64(const Bytes& data) {
-  std::string out(4 * ((data.size() + 2) / 3) + 1, '\0');
+  // OpenSSL's own bound (it allows for line breaks EncodeBlock never writes).
+  std::string out(EVP_ENCODE_LENGTH(data.size()), '\0');
   const int n = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(&out[0]),
                                 reinterpret_cast<const unsigned char*>(data.data()), static_cast<int>(data.size()));
   out.resize(static_cast<size_t>(n));
