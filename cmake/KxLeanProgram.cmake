@@ -17,14 +17,19 @@ if(KX_STATIC_CXX_RUNTIME AND NOT APPLE AND NOT KX_SANITIZE AND CMAKE_CXX_COMPILE
   set(Boost_USE_STATIC_LIBS ON)
 endif()
 
-# kx_lean_program(<target>): links a program that ships so that it names only
-# the shared libraries it calls (--as-needed: the compiler driver adds libm
-# to every C++ link), with the C++ runtime inside when KX_CXX_RUNTIME_INSIDE.
+# kx_lean_program(<target>): links a program that ships so that it carries
+# only the code it reaches (--gc-sections: the static archives, the C++
+# runtime's included, are built a section per function) and names only the
+# shared libraries it calls (--as-needed: the compiler driver adds libm to
+# every C++ link), with the C++ runtime inside when KX_CXX_RUNTIME_INSIDE.
+# The kernel maps a program's code in windows of several pages around each
+# page touched, so code that never runs still costs memory when it sits
+# between code that does.
 function(kx_lean_program target)
   if(APPLE OR NOT CMAKE_CXX_COMPILER_ID MATCHES "GNU|Clang")
     return()
   endif()
-  target_link_options(${target} PRIVATE LINKER:--as-needed)
+  target_link_options(${target} PRIVATE LINKER:--gc-sections LINKER:--as-needed)
   if(KX_CXX_RUNTIME_INSIDE)
     target_link_options(${target} PRIVATE -static-libstdc++ -static-libgcc)
   endif()

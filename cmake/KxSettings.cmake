@@ -12,6 +12,11 @@ if(CMAKE_CXX_COMPILER_ID MATCHES "GNU|Clang")
   if(KX_WERROR)
     target_compile_options(kx_settings INTERFACE -Werror)
   endif()
+  # A section per function and object, so that a program linked with
+  # --gc-sections (kx_lean_program) drops what it never reaches.
+  if(NOT APPLE)
+    target_compile_options(kx_settings INTERFACE -ffunction-sections -fdata-sections)
+  endif()
 endif()
 
 if(KX_SANITIZE)
