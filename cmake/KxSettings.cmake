@@ -27,4 +27,6 @@ if(KX_SANITIZE)
   endif()
   target_compile_options(kx_settings INTERFACE ${_kx_san_flags})
   target_link_options(kx_settings INTERFACE ${_kx_san_flags})
+  # Code that would skip the usual exit keeps it, for the sanitizers' checks.
+  target_compile_definitions(kx_settings INTERFACE KX_SANITIZED)
 endif()
