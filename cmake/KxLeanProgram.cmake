@@ -6,11 +6,11 @@
 # Linked in, only the members the program uses come along.
 #
 # KX_STATIC_CXX_RUNTIME: the update programs carry libstdc++, libgcc and
-# Boost inside them. Boost then comes as static libraries for every target: a
-# shared Boost would load the shared libstdc++ after all. Not for macOS, whose
-# C++ runtime is part of the system, nor with sanitizers, whose runtimes
-# expect the shared one.
-option(KX_STATIC_CXX_RUNTIME "Link the update programs with the C++ runtime and Boost inside them (Linux)" ON)
+# Boost inside them. Boost then comes as static libraries for every target
+# (Debian's Boost -dev packages hold them): a shared Boost would load the
+# shared libstdc++ after all. Not for macOS, whose C++ runtime is part of the
+# system, nor with sanitizers, whose runtimes expect the shared one.
+option(KX_STATIC_CXX_RUNTIME "Link the update programs with the C++ runtime and Boost inside them (Linux; needs Boost's static libraries)" ON)
 set(KX_CXX_RUNTIME_INSIDE OFF)
 if(KX_STATIC_CXX_RUNTIME AND NOT APPLE AND NOT KX_SANITIZE AND CMAKE_CXX_COMPILER_ID MATCHES "GNU|Clang")
   set(KX_CXX_RUNTIME_INSIDE ON)
