@@ -36,8 +36,9 @@ set(CPACK_DEBIAN_PACKAGE_MAINTAINER "${KX_PACKAGE_MAINTAINER}")
 set(CPACK_DEBIAN_PACKAGE_SECTION "admin")
 set(CPACK_DEBIAN_PACKAGE_PRIORITY "optional")
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-# The library dependencies (libcurl, libssl, Boost) are read from the binary
-# when dpkg-shlibdeps (dpkg-dev) is there; without it the package lists none.
+# The library dependencies (libcurl, libssl; Boost and the C++ runtime too
+# without KX_STATIC_CXX_RUNTIME) are read from the binary when dpkg-shlibdeps
+# (dpkg-dev) is there; without it the package lists none.
 find_program(KX_DPKG_SHLIBDEPS dpkg-shlibdeps)
 if(KX_DPKG_SHLIBDEPS)
   set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)

@@ -12,6 +12,11 @@ if(CMAKE_CXX_COMPILER_ID MATCHES "GNU|Clang")
   if(KX_WERROR)
     target_compile_options(kx_settings INTERFACE -Werror)
   endif()
+  # A section per function and object, so that a program linked with
+  # --gc-sections (kx_lean_program) drops what it never reaches.
+  if(NOT APPLE)
+    target_compile_options(kx_settings INTERFACE -ffunction-sections -fdata-sections)
+  endif()
 endif()
 
 if(KX_SANITIZE)
@@ -22,4 +27,6 @@ if(KX_SANITIZE)
   endif()
   target_compile_options(kx_settings INTERFACE ${_kx_san_flags})
   target_link_options(kx_settings INTERFACE ${_kx_san_flags})
+  # Code that would skip the usual exit keeps it, for the sanitizers' checks.
+  target_compile_definitions(kx_settings INTERFACE KX_SANITIZED)
 endif()

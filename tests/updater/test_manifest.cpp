@@ -94,6 +94,35 @@ TEST(Release, RolloutSharesAndBuckets) {
   EXPECT_EQ(release::nextStageAt(r, 150).value_or(-1), 200);
 }
 
+// A stage's percent as the manifest spells it: two decimals that doubles
+// cannot hold exactly still land on their hundredth; more decimals, anything
+// outside 0 to 100 and numbers too large for an int are refused.
+TEST(Release, RolloutPercentsToTheHundredth) {
+  const std::string pem = release::generatePrivateKeyPem();
+  std::vector<release::PublicKey> keys;
+  ASSERT_EQ(release::parsePublicKeys(release::publicKeyFile(pem, "k"), keys), "");
+  release::Release r;
+  r.serial = 1, r.expires = 4102444800;
+  r.packages.push_back({"linux/amd64/setup.deb", "7.3.0.0", 1, std::string(64, 'a'), "linux", "amd64", "deb",
+                        release::Rollout{{{0, 1234}}, false}, 0});
+  const std::string manifest = release::writeManifest(r);
+  const size_t at = manifest.find("12.34");
+  ASSERT_NE(at, std::string::npos);
+  const struct {
+    const char* percent;
+    int basisPoints;  // -1: refused
+  } kPercents[] = {{"0", 0},      {"0.29", 29},   {"33.33", 3333}, {"99.99", 9999}, {"100", 10000}, {"0.001", -1},
+                   {"-0.01", -1}, {"100.01", -1}, {"100.004", -1}, {"1e300", -1},   {"-1e300", -1}};
+  for (const auto& p : kPercents) {
+    const std::string text = std::string(manifest).replace(at, 5, p.percent);
+    const release::Verified v = release::verifyRelease(text, release::signFile(text, pem, "serial:1"), keys, 0, 0);
+    ASSERT_EQ(v.ok, p.basisPoints >= 0) << p.percent << ": " << v.reason;
+    if (v.ok) {
+      EXPECT_EQ(v.release.packages[0].rollout->stages[0].basisPoints, p.basisPoints) << p.percent;
+    }
+  }
+}
+
 // A key id is 8 bytes anyone can copy: a pinned key that shares it with the
 // signer's, listed first, must not hide the signer's.
 TEST(Release, EveryPinnedKeyWithTheSignaturesIdIsTried) {
