@@ -1,11 +1,13 @@
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <boost/filesystem.hpp>
+#include <csignal>
 #include <cstring>
 
 #include "TestSupport.h"
@@ -139,4 +141,27 @@ TEST(ConfStore, DirectoriesWithAndWithoutParents) {
   EXPECT_TRUE(created && boost::filesystem::is_directory(deep));
   EXPECT_EQ(osal_mkdir(deep.c_str(), &created, true), 0);
   EXPECT_FALSE(created);
+}
+
+// The file primitives fail with -1 and a line naming the step: a mode that is
+// none of the known ones, a descriptor that is not open, and a write that
+// the file size limit cuts short (a full disk, as the store sees it).
+TEST(FilePrimitives, FailuresAreMinusOneAndSayWhichStep) {
+  TempDir dir;
+  ScopedLogCapture cap("OSAL:9;");
+  int fd = -1;
+  const int badMode = osal_open(dir.file("f").c_str(), static_cast<KXOpenMode>(99), false, &fd);
+  const int badClose = osal_close(1 << 20);
+  struct rlimit limit {};
+  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &limit), 0);
+  const struct rlimit small = {4, limit.rlim_max};
+  void (*const before)(int) = signal(SIGXFSZ, SIG_IGN);
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
+  const int cut = osal_setconfstr(dir.file("v.cfg").c_str(), "/a/long/value", false, false);
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+  signal(SIGXFSZ, before);
+  EXPECT_EQ(std::vector<int>({badMode, badClose, cut}), std::vector<int>({-1, -1, -1}));
+  EXPECT_EQ(logOf(cap), "DBG osal_open -> bad mode KX_OPENMODE_UNKNOWN_99 " + dir.file("f") +
+                            ";DBG osal_close -> close failed;DBG osal_writeFix -> write failed;"
+                            "ERR osal_setconfstr -> osal_writeFix failed;");
 }
