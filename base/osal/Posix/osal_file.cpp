@@ -179,10 +179,11 @@ int osal_close(int fd) {
 }
 
 namespace {
-// mkdir that treats an existing directory as done.
+// mkdir that treats an existing directory as done; created (may be null)
+// learns whether it was made.
 int makeOne(const char* path, bool* created) {
   if (mkdir(path, 0777) == 0) {
-    *created = true;
+    if (created != nullptr) *created = true;
     return 0;
   }
   const int err = errno;
@@ -199,8 +200,7 @@ int osal_mkdir(const char* path, bool* created, bool recursive) {
   if (recursive) {
     const std::string full(path);
     for (size_t pos = full.find('/', 1); rc == 0 && pos != std::string::npos; pos = full.find('/', pos + 1)) {
-      bool ignored = false;
-      rc = makeOne(full.substr(0, pos).c_str(), &ignored);
+      rc = makeOne(full.substr(0, pos).c_str(), nullptr);
     }
   }
   if (rc == 0) rc = makeOne(path, &made);
