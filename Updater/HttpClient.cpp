@@ -73,6 +73,15 @@ uint64_t keptPart(const std::string& path, FILE* file, uint64_t from) {
   return ftruncate(fileno(file), static_cast<off_t>(from)) == 0 ? from : 0;
 }
 
+// How much of the regular file open at reader a download may copy: `from`
+// bytes when it has them, else none.
+uint64_t keptElsewhere(int reader, uint64_t from) {
+  struct stat st {};
+  const bool enough =
+      reader >= 0 && fstat(reader, &st) == 0 && S_ISREG(st.st_mode) && static_cast<uint64_t>(st.st_size) >= from;
+  return enough ? from : 0;
+}
+
 // libcurl hands over about 16 KiB at a time; written through as they come,
 // they would cost a system call each.
 constexpr size_t kFileStep = 256 << 10;
@@ -124,9 +133,12 @@ class DownloadTarget {
 
   // The file's first `from` bytes, readable at reader (owned from here on),
   // are kept if the answer continues them; headers are the answer's.
-  void continueAt(uint64_t from, int reader, CURL* handle, const std::map<std::string, std::string>* headers) {
+  // copy: reader is another file, whose bytes are written to this one.
+  void continueAt(uint64_t from, int reader, bool copy, CURL* handle,
+                  const std::map<std::string, std::string>* headers) {
     _from = from;
     _reader = reader;
+    _copy = copy;
     _handle = handle;
     _headers = headers;
   }
@@ -210,10 +222,11 @@ class DownloadTarget {
       unsigned int got = 0;
       if (osal_read(_reader, _step, want, &got) != 0 || got != want) return false;
       _used = got;
-      hashStep();
+      if (_copy && !writeStep()) return false;
+      if (!_copy) hashStep();
       done += got;
     }
-    return fseeko(_file, static_cast<off_t>(_from), SEEK_SET) == 0;
+    return _copy || fseeko(_file, static_cast<off_t>(_from), SEEK_SET) == 0;
   }
 
   bool writeStep() {
@@ -249,6 +262,7 @@ class DownloadTarget {
   FILE* _file = nullptr;
   uint64_t _from = 0;
   int _reader = -1;
+  bool _copy = false;
   CURL* _handle = nullptr;
   const std::map<std::string, std::string>* _headers = nullptr;
   bool _decided = false;
@@ -484,11 +498,18 @@ HttpClient::Result HttpClient::download(const std::string& url, const std::strin
   // rather than a plausible prefix of something longer.
   DownloadTarget target(limit == kNoLimit ? kNoLimit : limit + 1, sums);
   const Resume asked = resume != nullptr && !resume->validator.empty() ? *resume : Resume();
-  FILE* file = openForDownload(path, asked.from > 0);
+  const bool elsewhere = !asked.keptAt.empty();
+  FILE* file = openForDownload(path, asked.from > 0 && !elsewhere);
   if (file == nullptr) return Result{-1, "cannot open " + path};
   target.writeTo(file);
-  const uint64_t from = keptPart(path, file, asked.from);
-  if (from > 0) target.continueAt(from, open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC), handle, &headers);
+  const int reader =
+      asked.from > 0 ? open((elsewhere ? asked.keptAt : path).c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC) : -1;
+  const uint64_t from = elsewhere ? keptElsewhere(reader, asked.from) : keptPart(path, file, asked.from);
+  if (from > 0) {
+    target.continueAt(from, reader, elsewhere, handle, &headers);
+  } else if (reader >= 0) {
+    close(reader);
+  }
   const std::string range = std::to_string(from) + "-";
   const std::unique_ptr<curl_slist, void (*)(curl_slist*)> ifRange(
       from > 0 ? curl_slist_append(nullptr, ("If-Range: " + asked.validator).c_str()) : nullptr, curl_slist_free_all);

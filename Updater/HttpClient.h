@@ -73,10 +73,13 @@ class HttpClient {
   // Where a download continues a file it began before: the file's first
   // `from` bytes are kept when the server answers the Range with them as the
   // validator says (206 from that byte on), and hashed again from the file;
-  // any other answer starts the file over.
+  // any other answer starts the file over. With keptAt, those bytes lie in
+  // that file instead (one of ours on another file system) and are copied
+  // to the download's path as they are hashed.
   struct Resume {
     uint64_t from = 0;
     std::string validator;
+    std::string keptAt;
   };
   enum Sums : unsigned { kMd5 = 1, kSha256 = 2 };
 

@@ -64,9 +64,11 @@ Expected<HttpClient::Landed> downloadVerified(HttpClient& client, const utils::S
     const HttpClient::Result answer = client.download(p.setupUrl, p.setupPath, headers, size, &landed,
                                                       (md5.empty() ? 0U : HttpClient::kMd5) | sums, progress, &resume);
     fetched += landed.fetched;
+    // The kept part has been read, or will not be: what counts is the download's.
+    if (!resume.keptAt.empty()) dropPartial(resumable->cacheDir);
     // What a cut transfer left can be continued when the server named it.
     const bool continuable = resumable != nullptr && landed.size > 0 && landed.size < size && !landed.validator.empty();
-    resume = continuable ? HttpClient::Resume{landed.size, landed.validator} : HttpClient::Resume();
+    resume = continuable ? HttpClient::Resume{landed.size, landed.validator, ""} : HttpClient::Resume();
     // A cut transfer goes on; one whose range was answered amiss starts over.
     if (answer.code < 0 && (continuable || (resumable != nullptr && continued)) && attempt + 1 < kDownloadAttempts) {
       if (continuable) {

@@ -17,10 +17,14 @@ namespace {
 const char* const kPartialName = "partial-download";
 const char* const kPartialRecord = "partial-download.json";
 
+}  // namespace
+
 void dropPartial(const std::string& cacheDir) {
   unlink((cacheDir + "/" + kPartialName).c_str());
   unlink((cacheDir + "/" + kPartialRecord).c_str());
 }
+
+namespace {
 
 // The validator the kept bytes were begun with, when they are a file of
 // ours alone, shorter than the entry's size and kept for that entry; else
@@ -59,11 +63,14 @@ HttpClient::Resume takePartial(const Resumable& resumable, const std::string& pa
     dropPartial(resumable.cacheDir);
     return HttpClient::Resume();
   }
-  const bool moved = utils::moveFile(kept, path);
-  dropPartial(resumable.cacheDir);
-  if (!moved) return HttpClient::Resume();
   KXLOG(KXLM_ROOT, KXLL_NFY, "Partial download of " << id->size << " bytes taken from " << resumable.cacheDir);
-  return HttpClient::Resume{id->size, found.validator};
+  // Renamed where it can be, free; across file systems it is copied by the
+  // download itself as it is hashed, and dropped once that has read it.
+  if (rename(kept.c_str(), path.c_str()) == 0) {
+    dropPartial(resumable.cacheDir);
+    return HttpClient::Resume{id->size, found.validator, ""};
+  }
+  return HttpClient::Resume{id->size, found.validator, kept};
 }
 
 void keepPartial(const Resumable& resumable, const std::string& path, const HttpClient::Landed& landed, uint64_t size) {

@@ -133,10 +133,13 @@ Expected<HttpClient::Landed> downloadVerified(HttpClient& client, const utils::S
                                               const std::string& md5, unsigned sums, const Resumable* resumable,
                                               uint64_t& fetched,
                                               const HttpClient::Progress& progress = HttpClient::Progress());
-// The partial file kept for the entry, moved to path, and where the
-// download continues it; nothing (and the file dropped) when it is for
-// another entry or not a file of ours alone shorter than size.
+// The partial file kept for the entry, moved to path (or, on another file
+// system, named for the download to copy), and where the download continues
+// it; nothing (and the file dropped) when it is for another entry or not a
+// file of ours alone shorter than size.
 HttpClient::Resume takePartial(const Resumable& resumable, const std::string& path, uint64_t size);
+// The partial file kept in cacheDir and its record removed.
+void dropPartial(const std::string& cacheDir);
 // What landed at path kept for the next run, with the validator that lets
 // it continue; removed when it cannot be kept.
 void keepPartial(const Resumable& resumable, const std::string& path, const HttpClient::Landed& landed, uint64_t size);
