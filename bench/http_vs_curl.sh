@@ -66,11 +66,10 @@ done
 read -r _ _ kx_small_rss < <(run kx_fetch small.bin)
 read -r _ _ curl_small_rss < <(run curl small.bin)
 
-median() { printf '%s\n' "$@" | sort -n | awk '{v[NR]=$1} END {print (NR%2 ? v[(NR+1)/2] : (v[NR/2]+v[NR/2+1])/2)}'; }
-kx_med=$(median "${kx_times[@]}")
-curl_med=$(median "${curl_times[@]}")
-kx_cpu=$(median "${kx_cpus[@]}")
-curl_cpu=$(median "${curl_cpus[@]}")
+kx_med=$(kx_median "${kx_times[@]}")
+curl_med=$(kx_median "${curl_times[@]}")
+kx_cpu=$(kx_median "${kx_cpus[@]}")
+curl_cpu=$(kx_median "${curl_cpus[@]}")
 echo
 printf '%-9s %10s %10s %16s %16s\n' "" "median s" "median cpu" "peak KiB ${size_mib}M" "peak KiB ${small_mib}M"
 printf '%-9s %10s %10s %16s %16s\n' kx_fetch "$kx_med" "$kx_cpu" "$kx_rss" "$kx_small_rss"

@@ -87,7 +87,6 @@ run_update() {
   awk -v b="$(jq .bytes_fetched "$work/tmp/last-run.json")" '{printf "%s %.2f %s %s\n", $1, $2 + $3, $4, b}' "$work/time"
 }
 
-median() { printf '%s\n' "$@" | sort -n | awk '{v[NR]=$1} END {print (NR%2 ? v[(NR+1)/2] : (v[NR/2]+v[NR/2+1])/2)}'; }
 declare -a whole_t whole_c resumed_t resumed_c
 whole_rss=0 resumed_rss=0
 for ((i = 1; i <= rounds; i++)); do
@@ -102,11 +101,11 @@ done
 
 echo
 printf '%-10s %10s %12s %10s %14s\n' "" "median s" "median cpu s" "peak KiB" "bytes fetched"
-printf '%-10s %10s %12s %10s %14s\n' whole "$(median "${whole_t[@]}")" "$(median "${whole_c[@]}")" "$whole_rss" "$whole_bytes"
-printf '%-10s %10s %12s %10s %14s\n' resumed "$(median "${resumed_t[@]}")" "$(median "${resumed_c[@]}")" "$resumed_rss" "$resumed_bytes"
+printf '%-10s %10s %12s %10s %14s\n' whole "$(kx_median "${whole_t[@]}")" "$(kx_median "${whole_c[@]}")" "$whole_rss" "$whole_bytes"
+printf '%-10s %10s %12s %10s %14s\n' resumed "$(kx_median "${resumed_t[@]}")" "$(kx_median "${resumed_c[@]}")" "$resumed_rss" "$resumed_bytes"
 ratio() { awk -v r="$1" -v w="$2" 'BEGIN { printf "%.3f", r / w }'; }
-echo "resumed / whole, wall: $(ratio "$(median "${resumed_t[@]}")" "$(median "${whole_t[@]}")")," \
-  "cpu: $(ratio "$(median "${resumed_c[@]}")" "$(median "${whole_c[@]}")") (aim: at most 1)"
+echo "resumed / whole, wall: $(ratio "$(kx_median "${resumed_t[@]}")" "$(kx_median "${whole_t[@]}")")," \
+  "cpu: $(ratio "$(kx_median "${resumed_c[@]}")" "$(kx_median "${whole_c[@]}")") (aim: at most 1)"
 if [[ $resumed_bytes != $((size - half)) ]]; then
   echo "resumed fetched $resumed_bytes bytes, not $((size - half))" >&2
   exit 1

@@ -113,10 +113,9 @@ for ((i = 1; i <= rounds; i++)); do
   echo "round $i: update ${unsigned_kib[-1]} KiB, signed ${signed_kib[-1]} KiB, curl ${curl_kib[-1]} KiB"
 done
 
-median() { printf '%s\n' "$@" | sort -n | awk '{v[NR]=$1} END {print (NR%2 ? v[(NR+1)/2] : (v[NR/2]+v[NR/2+1])/2)}'; }
-up=$(median "${unsigned_kib[@]}")
-signed=$(median "${signed_kib[@]}")
-curl=$(median "${curl_kib[@]}")
+up=$(kx_median "${unsigned_kib[@]}")
+signed=$(kx_median "${signed_kib[@]}")
+curl=$(kx_median "${curl_kib[@]}")
 echo
 printf '%-28s %16s %12s\n' "" "median peak KiB" "/ curl"
 row() { awk -v n="$1" -v k="$2" -v c="$curl" 'BEGIN { printf "%-28s %16s %12.3f\n", n, k, k / c }'; }

@@ -112,11 +112,10 @@ for ((i = 1; i <= rounds; i++)); do
   echo "round $i: update ${up_times[-1]} s (cpu ${up_cpus[-1]}), curl+md5sum ${curl_times[-1]} s (cpu ${curl_cpus[-1]})"
 done
 
-median() { printf '%s\n' "$@" | sort -n | awk '{v[NR]=$1} END {print (NR%2 ? v[(NR+1)/2] : (v[NR/2]+v[NR/2+1])/2)}'; }
-up_med=$(median "${up_times[@]}")
-curl_med=$(median "${curl_times[@]}")
-up_cpu=$(median "${up_cpus[@]}")
-curl_cpu=$(median "${curl_cpus[@]}")
+up_med=$(kx_median "${up_times[@]}")
+curl_med=$(kx_median "${curl_times[@]}")
+up_cpu=$(kx_median "${up_cpus[@]}")
+curl_cpu=$(kx_median "${curl_cpus[@]}")
 
 # The same against a server paced like a network link: the download alone.
 kx_stop_server
@@ -129,8 +128,8 @@ for ((i = 1; i <= rounds; i++)); do
   read -r t c m < <(run_curl nohash); paced_curl+=("$t")
   echo "paced round $i: update ${paced_up[-1]} s, curl -o ${paced_curl[-1]} s"
 done
-paced_up_med=$(median "${paced_up[@]}")
-paced_curl_med=$(median "${paced_curl[@]}")
+paced_up_med=$(kx_median "${paced_up[@]}")
+paced_curl_med=$(kx_median "${paced_curl[@]}")
 
 echo
 printf '%-24s %10s %12s %10s\n' "" "median s" "median cpu s" "peak KiB"

@@ -18,6 +18,12 @@ kx_hex() {
   printf %s "$1" | od -An -tx1 -v | tr -d ' \n'
 }
 
+# The median of the numbers given (the mean of the middle two for an even
+# count): what the benchmarks report of their rounds.
+kx_median() {
+  printf '%s\n' "$@" | sort -n | awk '{v[NR]=$1} END {print (NR%2 ? v[(NR+1)/2] : (v[NR/2]+v[NR/2+1])/2)}'
+}
+
 # Copies the recording stand-in under each command name into a directory
 # that callers put first in PATH.
 #   kx_install_shims <shim script> <directory> <command>...
