@@ -144,7 +144,7 @@ TEST(ConfStore, DirectoriesWithAndWithoutParents) {
 }
 
 // The file primitives fail with -1 and a line naming the step: a mode that is
-// none of the known ones, a descriptor that is not open, and a write that
+// none of the known ones, a descriptor that is not open (closed, truncated), and a write that
 // the file size limit cuts short (a full disk, as the store sees it).
 TEST(FilePrimitives, FailuresAreMinusOneAndSayWhichStep) {
   TempDir dir;
@@ -152,6 +152,7 @@ TEST(FilePrimitives, FailuresAreMinusOneAndSayWhichStep) {
   int fd = -1;
   const int badMode = osal_open(dir.file("f").c_str(), static_cast<KXOpenMode>(99), false, &fd);
   const int badClose = osal_close(1 << 20);
+  const int badTruncate = osal_truncate(1 << 20, 0);
   struct rlimit limit {};
   ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &limit), 0);
   const struct rlimit small = {4, limit.rlim_max};
@@ -160,8 +161,9 @@ TEST(FilePrimitives, FailuresAreMinusOneAndSayWhichStep) {
   const int cut = osal_setconfstr(dir.file("v.cfg").c_str(), "/a/long/value", false, false);
   ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
   signal(SIGXFSZ, before);
-  EXPECT_EQ(std::vector<int>({badMode, badClose, cut}), std::vector<int>({-1, -1, -1}));
+  EXPECT_EQ(std::vector<int>({badMode, badClose, badTruncate, cut}), std::vector<int>({-1, -1, -1, -1}));
   EXPECT_EQ(logOf(cap), "DBG osal_open -> bad mode KX_OPENMODE_UNKNOWN_99 " + dir.file("f") +
-                            ";DBG osal_close -> close failed;DBG osal_writeFix -> write failed;"
+                            ";DBG osal_close -> close failed;DBG osal_truncate -> ftruncate failed;"
+                            "DBG osal_writeFix -> write failed;"
                             "ERR osal_setconfstr -> osal_writeFix failed;");
 }
