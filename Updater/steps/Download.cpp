@@ -65,7 +65,7 @@ Expected<HttpClient::Landed> downloadVerified(HttpClient& client, const utils::S
                                                       (md5.empty() ? 0U : HttpClient::kMd5) | sums, progress, &resume);
     fetched += landed.fetched;
     // The kept part has been read, or will not be: what counts is the download's.
-    if (!resume.keptAt.empty()) dropPartial(resumable->cacheDir);
+    if (resumable != nullptr && !resume.keptAt.empty()) dropPartial(resumable->cacheDir);
     // What a cut transfer left can be continued when the server named it.
     const bool continuable = resumable != nullptr && landed.size > 0 && landed.size < size && !landed.validator.empty();
     resume = continuable ? HttpClient::Resume{landed.size, landed.validator, ""} : HttpClient::Resume();
@@ -87,7 +87,11 @@ Expected<HttpClient::Landed> downloadVerified(HttpClient& client, const utils::S
     verdict = judge(landed, size, md5, p.setupPath);
   }
   if (verdict == Verdict::Accepted) return landed;
-  resume.from > 0 ? keepPartial(*resumable, p.setupPath, landed, size) : removeDownload(p.setupPath, landed);
+  if (resumable != nullptr && resume.from > 0) {
+    keepPartial(*resumable, p.setupPath, landed, size);
+  } else {
+    removeDownload(p.setupPath, landed);
+  }
   return rejected(verdict, size);
 }
 
