@@ -67,10 +67,10 @@ std::string validatorOf(const std::map<std::string, std::string>& headers) {
 uint64_t keptPart(const std::string& path, FILE* file, uint64_t from) {
   struct stat st {};
   struct stat there {};
-  const bool same = from > 0 && fstat(fileno(file), &st) == 0 && lstat(path.c_str(), &there) == 0 &&
-                    st.st_dev == there.st_dev && st.st_ino == there.st_ino && static_cast<uint64_t>(st.st_size) >= from;
-  if (!same) from = 0;
-  return ftruncate(fileno(file), static_cast<off_t>(from)) == 0 ? from : 0;
+  const bool same = fstat(fileno(file), &st) == 0 && lstat(path.c_str(), &there) == 0 && st.st_dev == there.st_dev &&
+                    st.st_ino == there.st_ino && static_cast<uint64_t>(st.st_size) >= from;
+  const uint64_t kept = same ? from : 0;
+  return ftruncate(fileno(file), static_cast<off_t>(kept)) == 0 ? kept : 0;
 }
 
 // How much of the regular file open at reader a download may copy: `from`

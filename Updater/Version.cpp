@@ -4,6 +4,7 @@
 #include <climits>
 #include <sstream>
 #include <string>
+#include <tuple>
 
 namespace {
 
@@ -43,12 +44,9 @@ Version Version::parse(const std::string& text) {
 }
 
 int Version::compare(const Version& other) const {
-  const int32_t a[4] = {major, minor, third, fourth};
-  const int32_t b[4] = {other.major, other.minor, other.third, other.fourth};
-  for (int i = 0; i < 4; ++i) {
-    if (a[i] != b[i]) return a[i] < b[i] ? -1 : 1;
-  }
-  return 0;
+  const auto mine = std::tie(major, minor, third, fourth);
+  const auto theirs = std::tie(other.major, other.minor, other.third, other.fourth);
+  return static_cast<int>(theirs < mine) - static_cast<int>(mine < theirs);
 }
 
 // Decimal whatever base the log stream was left in by earlier pieces.
