@@ -1,8 +1,14 @@
 #include <gtest/gtest.h>
 
+#include <sys/syscall.h>
 #include <sys/time.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <chrono>
+#include <fstream>
+#include <iterator>
+#include <string>
 #include <thread>
 
 #include "KXSys.h"
@@ -35,8 +41,17 @@ TEST(Sync, MutexEventAndSemaphoreResults) {
   EXPECT_EQ(levels, "EEEEEEEDEDDDDDEDDE");
 }
 
-// A waiter is woken by the notification or the post of another thread; the
-// mutex keeps concurrent increments whole.
+// Whether the thread is asleep (in a wait), from the kernel's view of it.
+bool asleep(pid_t tid) {
+  std::ifstream stat("/proc/self/task/" + std::to_string(tid) + "/stat");
+  std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+  const size_t end = text.rfind(')');
+  return end != std::string::npos && text.compare(end, 3, ") S") == 0;
+}
+
+// A waiter is woken by the notification or the post of another thread, also
+// from inside a wait with a deadline; the mutex keeps concurrent increments
+// whole.
 TEST(Sync, ThreadsWaitAndExclude) {
   OSAL_Mutex m;
   OSAL_Event ev;
@@ -44,10 +59,19 @@ TEST(Sync, ThreadsWaitAndExclude) {
   ASSERT_EQ(m.initMutex("counter") + ev.initEvent() + sem.init(0), 0);
   long counter = 0;
   std::atomic<int> woken{0};
+  std::atomic<pid_t> waiterTid{0};
   auto add = [&] {
     for (int i = 0; i < 10000; ++i) m.lockMutex(), ++counter, m.unlockMutex();
   };
-  std::thread a(add), b(add), waiter([&] { woken = ev.waitForNotification(600000) * 10 + sem.wait(); });
+  std::thread a(add), b(add), waiter([&] {
+    waiterTid = static_cast<pid_t>(syscall(SYS_gettid));
+    woken = ev.waitForNotification(600000) * 10 + sem.wait();
+  });
+  // Notified once the waiter sleeps in its wait, within a bound.
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while ((waiterTid == 0 || !asleep(waiterTid)) && std::chrono::steady_clock::now() < deadline)
+    std::this_thread::yield();
+  EXPECT_TRUE(waiterTid != 0 && asleep(waiterTid)) << "the waiter never slept in its wait";
   EXPECT_EQ(ev.notify() + sem.post(), 0);
   a.join(), b.join(), waiter.join();
   EXPECT_EQ(std::vector<long>({counter, woken, sem.count()}), std::vector<long>({20000, OSAL_Event::Notified * 10, 0}));
