@@ -330,6 +330,39 @@ size_t appendText(void* data, size_t size, size_t nmemb, void* userp) {
   return n;
 }
 
+// Where the download continues its file: the kept part's reader handed to
+// target (from path itself, or from resume.keptAt), and its length; 0 when
+// the body is to be taken whole.
+uint64_t continueFrom(DownloadTarget& target, const HttpClient::Resume& resume, const std::string& path, FILE* file,
+                      CURL* handle, const std::map<std::string, std::string>* headers) {
+  if (resume.from == 0) return 0;
+  const bool elsewhere = !resume.keptAt.empty();
+  const int reader = open((elsewhere ? resume.keptAt : path).c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+  const uint64_t from = elsewhere ? keptElsewhere(reader, resume.from) : keptPart(path, file, resume.from);
+  if (from > 0) {
+    target.continueAt(from, reader, elsewhere, handle, headers);
+  } else if (reader >= 0) {
+    close(reader);
+  }
+  return from;
+}
+
+// What the download left in file, read from its descriptor, once flushed.
+HttpClient::Landed landedOf(FILE* file, DownloadTarget& target, const std::string& validator) {
+  HttpClient::Landed landed;
+  struct stat st {};
+  if (fstat(fileno(file), &st) == 0) {
+    landed.size = static_cast<uint64_t>(st.st_size);
+    landed.device = static_cast<uint64_t>(st.st_dev);
+    landed.inode = static_cast<uint64_t>(st.st_ino);
+  }
+  target.sums(landed.size, landed);
+  landed.fetched = target.fetched();
+  landed.resumedFrom = target.resumedFrom();
+  landed.validator = validator;
+  return landed;
+}
+
 size_t writeToTarget(void* data, size_t size, size_t nmemb, void* userp) {
   return static_cast<DownloadTarget*>(userp)->take(static_cast<const char*>(data), size * nmemb);
 }
@@ -498,18 +531,10 @@ HttpClient::Result HttpClient::download(const std::string& url, const std::strin
   // rather than a plausible prefix of something longer.
   DownloadTarget target(limit == kNoLimit ? kNoLimit : limit + 1, sums);
   const Resume asked = resume != nullptr && !resume->validator.empty() ? *resume : Resume();
-  const bool elsewhere = !asked.keptAt.empty();
-  FILE* file = openForDownload(path, asked.from > 0 && !elsewhere);
+  FILE* file = openForDownload(path, asked.from > 0 && asked.keptAt.empty());
   if (file == nullptr) return Result{-1, "cannot open " + path};
   target.writeTo(file);
-  const int reader =
-      asked.from > 0 ? open((elsewhere ? asked.keptAt : path).c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC) : -1;
-  const uint64_t from = elsewhere ? keptElsewhere(reader, asked.from) : keptPart(path, file, asked.from);
-  if (from > 0) {
-    target.continueAt(from, reader, elsewhere, handle, &headers);
-  } else if (reader >= 0) {
-    close(reader);
-  }
+  const uint64_t from = continueFrom(target, asked, path, file, handle, &headers);
   const std::string range = std::to_string(from) + "-";
   const std::unique_ptr<curl_slist, void (*)(curl_slist*)> ifRange(
       from > 0 ? curl_slist_append(nullptr, ("If-Range: " + asked.validator).c_str()) : nullptr, curl_slist_free_all);
@@ -547,19 +572,8 @@ HttpClient::Result HttpClient::download(const std::string& url, const std::strin
   // An answer without a body still says whether the kept part stands.
   if (rc == CURLE_OK && !target.decided() && !target.decide()) rc = CURLE_WRITE_ERROR;
   if (!target.flush() && rc == CURLE_OK) rc = CURLE_WRITE_ERROR;
-  if (landed != nullptr) {
-    *landed = Landed{};
-    struct stat st {};
-    if (fstat(fileno(file), &st) == 0) {
-      landed->size = static_cast<uint64_t>(st.st_size);
-      landed->device = static_cast<uint64_t>(st.st_dev);
-      landed->inode = static_cast<uint64_t>(st.st_ino);
-    }
-    target.sums(landed->size, *landed);
-    landed->fetched = target.fetched();
-    landed->resumedFrom = target.resumedFrom();
-    landed->validator = target.resumedFrom() > 0 ? asked.validator : validatorOf(headers);
-  }
+  if (landed != nullptr)
+    *landed = landedOf(file, target, target.resumedFrom() > 0 ? asked.validator : validatorOf(headers));
   return finish(rc, url, kGetStatusFailure, file, target.resumedFrom() > 0);
 }
 
