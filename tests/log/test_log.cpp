@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <boost/filesystem.hpp>
 
 #include "FileKXLogCb.h"
@@ -112,6 +113,9 @@ TEST(Stream, EveryOperand) {
        "ab...ef\"abc\"ab...cd\"<null>\""},
       {(S() << KXLogHStr("", 0, 0) << KXLogHStr("abcdef", 0x10001, 0x10001)).str(), "...a...f"}};
   for (const auto& [got, expected] : rows) EXPECT_EQ(got, expected);
+  // A row more for one byte past a whole one.
+  const std::string seventeen = (S() << KXLogBlob(kBytes, 17, 2)).str();
+  EXPECT_EQ(std::count(seventeen.begin(), seventeen.end(), '\n'), 2) << seventeen;
 }
 
 TEST(Stream, OneHugeMessageDoesNotStayAsTheBuffer) {

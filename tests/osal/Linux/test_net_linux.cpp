@@ -80,15 +80,16 @@ TEST(InterfaceSelection, PrimaryAddressesAndHardwareAddress) {
 TEST(OsRelease, PrettyNameFirstThenNameAndVersion) {
   TempDir dir;
   std::string got;
-  for (const char* content :
-       {"NAME=\"Debian\"\nVERSION_ID=\"12\"\nPRETTY_NAME=\"Debian GNU/Linux 12 (bookworm)\"\n",
-        "# comment\nNAME='Alpine Linux'\nVERSION_ID=3.20.1\n", "NAME=Arch\n",
-        "PRETTY_NAME=\"Say \\\"hi\\\"\\\\\"\nNAME=x\n", "PRETTY_NAME=\"\nNAME='\n", "ID=debian\nVERSION_ID=12\n"}) {
+  for (const char* content : {"NAME=\"Debian\"\nVERSION_ID=\"12\"\nPRETTY_NAME=\"Debian GNU/Linux 12 (bookworm)\"\n",
+                              "# comment\nNAME='Alpine Linux'\nVERSION_ID=3.20.1\n", "NAME=Arch\n",
+                              "PRETTY_NAME=\"Say \\\"hi\\\"\\\\\"\nNAME=x\n", "PRETTY_NAME=\"\nNAME='\n",
+                              "PRETTY_NAME=\"\"\nNAME=Arch\n", "ID=debian\nVERSION_ID=12\n"}) {
     char out[64] = "untouched";
     writeFile(dir.file("os-release"), content);
     got += std::to_string(osal_releaseNameFromOsRelease(dir.file("os-release").c_str(), out, sizeof out)) + out + "|";
   }
   char out[64] = "untouched";
   got += std::to_string(osal_releaseNameFromOsRelease(dir.file("missing").c_str(), out, sizeof out)) + out;
-  EXPECT_EQ(got, "1Debian GNU/Linux 12 (bookworm)|1Alpine Linux 3.20.1|1Arch|1Say \"hi\"\\|1\"|0untouched|0untouched");
+  EXPECT_EQ(got,
+            "1Debian GNU/Linux 12 (bookworm)|1Alpine Linux 3.20.1|1Arch|1Say \"hi\"\\|1\"|1Arch|0untouched|0untouched");
 }
