@@ -153,6 +153,7 @@ TEST(FilePrimitives, FailuresAreMinusOneAndSayWhichStep) {
   const int badMode = osal_open(dir.file("f").c_str(), static_cast<KXOpenMode>(99), false, &fd);
   const int badClose = osal_close(1 << 20);
   const int badTruncate = osal_truncate(1 << 20, 0);
+  const int badNoCache = osal_noCache(1 << 20);
   struct rlimit limit {};
   ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &limit), 0);
   const struct rlimit small = {4, limit.rlim_max};
@@ -161,7 +162,8 @@ TEST(FilePrimitives, FailuresAreMinusOneAndSayWhichStep) {
   const int cut = osal_setconfstr(dir.file("v.cfg").c_str(), "/a/long/value", false, false);
   ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
   signal(SIGXFSZ, before);
-  EXPECT_EQ(std::vector<int>({badMode, badClose, badTruncate, cut}), std::vector<int>({-1, -1, -1, -1}));
+  EXPECT_EQ(std::vector<int>({badMode, badClose, badTruncate, badNoCache, cut}),
+            std::vector<int>({-1, -1, -1, -1, -1}));
   EXPECT_EQ(logOf(cap), "DBG osal_open -> bad mode KX_OPENMODE_UNKNOWN_99 " + dir.file("f") +
                             ";DBG osal_close -> close failed;DBG osal_truncate -> ftruncate failed;"
                             "DBG osal_writeFix -> write failed;"

@@ -59,10 +59,19 @@ TEST(Release, DigestsAndTimesByKnownAnswers) {
   const struct {
     const char* text;
     int64_t seconds;  // -1: refused
-  } kTimes[] = {{"2026-01-01T00:00:00Z", 1767225600}, {"2026-02-28T23:59:59.250Z", 1772323199},
-                {"1970-01-01T00:00:00Z", 0},          {"2026-01-01T00:00:00+01:00", -1},
-                {"2026-13-01T00:00:00Z", -1},         {"2026-01-01 00:00:00Z", -1},
-                {"2026-01-01T24:00:00Z", -1},         {"2026-01-01T00:00:00", -1}};
+  } kTimes[] = {{"2026-01-01T00:00:00Z", 1767225600},
+                {"2026-02-28T23:59:59.250Z", 1772323199},
+                {"1970-01-01T00:00:00Z", 0},
+                {"2026-01-01T00:00:00+01:00", -1},
+                {"2026-13-01T00:00:00Z", -1},
+                {"2026-01-01 00:00:00Z", -1},
+                {"2026-01-01T24:00:00Z", -1},
+                {"2026-01-01T00:00:00", -1},
+                {"2026-01-01T00:60:00Z", -1},
+                {"2026-01-01T00:00:61Z", -1},
+                // Fractions up to a text of 40 characters, no longer.
+                {"2026-01-01T00:00:00.0000000000000000000Z", 1767225600},
+                {"2026-01-01T00:00:00.00000000000000000000Z", -1}};
   for (const auto& t : kTimes) {
     int64_t got = -1;
     EXPECT_EQ(release::parseUtc(t.text, got), t.seconds >= 0) << t.text;
@@ -125,6 +134,34 @@ TEST(Release, RolloutPercentsToTheHundredth) {
 
 // A key id is 8 bytes anyone can copy: a pinned key that shares it with the
 // signer's, listed first, must not hide the signer's.
+// An entry names one file under the server's address: nothing absolute,
+// nothing that ends in a directory, no empty, "." or ".." part. Its twin, a
+// plain relative path, verifies.
+TEST(Release, EntryPathsNameOneFileUnderTheServer) {
+  const std::string signer = release::generatePrivateKeyPem();
+  std::vector<release::PublicKey> keys;
+  ASSERT_EQ(release::parsePublicKeys(release::publicKeyFile(signer, "s"), keys), "");
+  std::string got;
+  for (const char* path : {"linux/amd64/setup.deb", "/linux/amd64/setup.deb", "linux/amd64/", "", "linux//setup.deb",
+                           "linux/./setup.deb", "linux/../setup.deb"}) {
+    release::Release r;
+    r.serial = 3, r.expires = 4102444800;
+    release::Entry e;
+    e.path = path, e.version = "7.3.0.0", e.size = 1, e.sha256 = std::string(64, 'a');
+    r.packages.push_back(e);
+    const std::string manifest = release::writeManifest(r);
+    const release::Verified v =
+        release::verifyRelease(manifest, release::signFile(manifest, signer, "serial:3"), keys, 0, 0);
+    got += (v.ok ? "ok" : v.reason) + "|";
+  }
+  const std::string refused = "manifest is not valid: package path ";
+  EXPECT_EQ(got, "ok|" + refused + "/linux/amd64/setup.deb is not one file under the server|" + refused +
+                     "linux/amd64/ is not one file under the server|" + refused + " is not one file under the server|" +
+                     refused + "linux//setup.deb is not one file under the server|" + refused +
+                     "linux/./setup.deb is not one file under the server|" + refused +
+                     "linux/../setup.deb is not one file under the server|");
+}
+
 TEST(Release, EveryPinnedKeyWithTheSignaturesIdIsTried) {
   const std::string signer = release::generatePrivateKeyPem(), other = release::generatePrivateKeyPem();
   release::Release r;
